@@ -1,0 +1,120 @@
+// Host transport for the named-method RPC layer: real processes talking over Unix-domain
+// sockets with the semantics the layer above relies on.
+//
+//  - A service is found by name: the socket `<runtime dir>/<service name>`, where the runtime
+//    dir is $PARLEX_RUNTIME_DIR when set, else $XDG_RUNTIME_DIR/parlex, else /tmp/parlex-<uid>.
+//    A directory the transport creates gets mode 0700 and the socket 0600 (or the octal mode in
+//    $PARLEX_SOCKET_MODE), so only the same user can connect unless the integrator widens it.
+//  - Every send blocks its caller until the reply, with no time-out. Incoming requests never run
+//    on a thread that waits for a reply, so a handler may call the other side.
+//  - A handler's exception, or a method without handler, comes back to the caller as a
+//    std::runtime_error carrying the message. A dead peer fails every pending and later send
+//    with dead_object; each proxy of a client connection then receives "death" exactly once.
+//  - Blobs above 16 KiB travel as sealed memfd regions; a message above 1 MiB is refused.
+//
+// AndroidServer and AndroidImpl have no virtual functions: classes deriving from them rely on
+// that for their layout.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "parlex/AndroidParcel.h"
+#include "parlex/parlex.h"
+
+namespace parlex {
+
+// The peer process is gone (or closed its connection).
+class dead_object : public std::runtime_error {
+public:
+    dead_object() : std::runtime_error("parlex: dead object") {}
+};
+
+namespace transport {
+class ClientConnection;
+class ServerConnection;
+class ServerState;
+class ProxyRoute;
+}  // namespace transport
+
+// Largest message, arguments and descriptors' indices included, that either side sends.
+constexpr size_t kMaxMessageSize = 1024 * 1024;
+// Threads a connection's side may run to handle incoming messages concurrently.
+constexpr size_t kMaxHandlerThreadsPerConnection = 16;
+
+// Where the transport reports what it can not hand to anyone: a malformed frame from a peer,
+// a peer disconnected for it. The default writes the line to stderr.
+void setLogHandler(std::function<void(const std::string&)> handler);
+
+class AndroidClient {
+public:
+    // Connects to the service registered under `serviceName`; throws std::runtime_error naming
+    // the service when none is running.
+    explicit AndroidClient(const std::string& serviceName);
+    ~AndroidClient();
+    AndroidClient(const AndroidClient&) = delete;
+    AndroidClient& operator=(const AndroidClient&) = delete;
+
+    std::future<AndroidParcel> send(std::unique_ptr<AndroidParcel> parcel);
+    // Closes the connection: later sends fail with std::runtime_error and no "death" follows.
+    void stop();
+
+private:
+    friend class AndroidProxy;
+    std::shared_ptr<transport::ClientConnection> connection_;
+};
+
+class AndroidProxy : public ProxyBase<AndroidClient, AndroidParcel> {
+public:
+    // Asks the service to create an object of type `type` for this proxy; throws
+    // std::runtime_error when the service has no factory for it.
+    AndroidProxy(AndroidClient* client, const std::string& type);
+    // Releases the service's reference to the object.
+    ~AndroidProxy();
+    AndroidProxy(const AndroidProxy&) = delete;
+    AndroidProxy& operator=(const AndroidProxy&) = delete;
+
+private:
+    std::shared_ptr<transport::ClientConnection> connection_;
+    std::shared_ptr<transport::ProxyRoute> route_;
+};
+
+class AndroidImpl : public ImplBase<AndroidImpl, AndroidParcel> {
+public:
+    AndroidImpl();
+    ~AndroidImpl();
+    AndroidImpl(const AndroidImpl&) = delete;
+    AndroidImpl& operator=(const AndroidImpl&) = delete;
+
+    // Sends an event or callback parcel to the client that created this object.
+    std::future<AndroidParcel> send(std::unique_ptr<AndroidParcel> parcel);
+
+private:
+    friend class transport::ServerConnection;
+    std::weak_ptr<transport::ServerConnection> connection_;
+};
+
+class AndroidServer : public ServerBase<AndroidServer, AndroidImpl, AndroidParcel> {
+public:
+    AndroidServer();
+    // Stops the service if it still runs.
+    ~AndroidServer();
+    AndroidServer(const AndroidServer&) = delete;
+    AndroidServer& operator=(const AndroidServer&) = delete;
+
+    // Publishes the service under `serviceName`; throws std::runtime_error when another live
+    // server holds the name. A socket left behind by a crashed server is replaced.
+    void start(const std::string& serviceName);
+    // Closes every connection, joins every transport thread and releases every object. Must
+    // not be called from a transport thread.
+    void stop();
+
+private:
+    std::unique_ptr<transport::ServerState> state_;
+};
+
+}  // namespace parlex

@@ -1,0 +1,103 @@
+// The two roles a process plays on a channel: the Caller sends requests and collects their
+// answers; the Responder runs a pool of threads that read requests and answer them.
+//
+// Caller: there is no reader thread. A thread that waits for an answer reads the socket itself
+// when nobody else is reading, so a lone caller is woken directly by the kernel when its
+// answer arrives; answers for other waiters are handed to them.
+//
+// Responder: every idle thread blocks in recvmsg on the same SOCK_SEQPACKET socket and the
+// kernel gives each request to exactly one of them, which runs it inline and answers. When the
+// last idle thread takes a request, another is started, up to the per-connection bound.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Frame.h"
+
+namespace parlex::transport {
+
+enum class Failure { None, Dead, Stopped };
+
+// Throws the exception a caller sees for `failure`.
+[[noreturn]] void throwFailure(Failure failure);
+
+class Caller {
+public:
+    struct Slot {
+        bool done = false;
+        Frame answer;
+        std::condition_variable cv;
+    };
+
+    // `onFailure` is called (without locks held) the first time the channel is found broken.
+    Caller(int fd, std::function<void()> onFailure);
+
+    // Registers a slot and sends the request; throws dead_object, or std::runtime_error when
+    // stopped or when the message is too large.
+    std::shared_ptr<Slot> send(FrameKind kind, const void* payload, size_t size,
+                               const std::vector<int>& fds);
+    // Blocks until the slot's answer arrives; throws when the channel fails first.
+    Frame wait(const std::shared_ptr<Slot>& slot);
+    // Fails every waiter now and later with `failure` (the first failure recorded sticks).
+    void fail(Failure failure);
+
+private:
+    void readOne(std::unique_lock<std::mutex>& lock);
+    void forget(uint32_t txn);
+
+    const int fd_;
+    const std::function<void()> onFailure_;
+    std::mutex mutex_;  // guards: slots_, waiters_, nextTxn_, reading_, failure_
+    std::map<uint32_t, std::shared_ptr<Slot>> slots_;
+    std::vector<Slot*> waiters_;  // slots whose owner is blocked in wait()
+    uint32_t nextTxn_ = 1;
+    bool reading_ = false;
+    Failure failure_ = Failure::None;
+};
+
+class Responder {
+public:
+    using Handle = std::function<void(Frame&)>;
+    // Called once, from a pool thread, when the channel closes or a peer sent a malformed frame
+    // (`error` is empty for a plain close).
+    using OnEnd = std::function<void(const std::string& error)>;
+
+    Responder(int fd, Handle handle, OnEnd onEnd);
+    ~Responder();
+
+    // Starts the first thread; `keepAlive` is held by every pool thread until it exits.
+    // `first`, if given, runs on that thread before it starts reading requests; returning false
+    // ends the responder.
+    void start(std::shared_ptr<void> keepAlive, std::function<bool()> first = {});
+    // Joins every pool thread except the calling one, which is detached.
+    void join();
+    // True once every pool thread has returned.
+    bool finished();
+
+private:
+    void loop(std::shared_ptr<void> keepAlive, std::function<bool()> first);
+    void spawnLocked(std::shared_ptr<void> keepAlive);
+    void end(const std::string& error);
+
+    const int fd_;
+    const Handle handle_;
+    const OnEnd onEnd_;
+    std::mutex mutex_;  // guards: threads_, idle_, running_, ended_
+    std::vector<std::thread> threads_;
+    size_t idle_ = 0;
+    size_t running_ = 0;
+    bool ended_ = false;
+};
+
+// Where transport failures that no caller can receive are reported.
+void logLine(const std::string& line);
+
+}  // namespace parlex::transport

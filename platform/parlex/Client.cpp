@@ -1,0 +1,256 @@
+// The client side of the transport: one connection per AndroidClient, the routes from object
+// identifiers to proxies, and the delivery of "death".
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <map>
+
+#include "Channel.h"
+#include "Messages.h"
+#include "parlex/binder.h"
+
+namespace parlex::transport {
+
+using Proxy = ProxyBase<AndroidClient, AndroidParcel>;
+
+// Lets a proxy go away while the transport may be calling into it: dispatches count themselves
+// in, and detach() waits for the ones in flight (except any on the detaching thread itself).
+class ProxyRoute {
+public:
+    explicit ProxyRoute(const Proxy* target) : target_(target) {}
+
+    // False when the proxy is gone; otherwise the outcome of the proxy's dispatch.
+    std::string dispatch(const std::string& method, const AndroidParcel& request,
+                         AndroidParcel& reply) {
+        const Proxy* target;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (target_ == nullptr) return "parlex: the proxy is gone";
+            target = target_;
+            ++active_;
+        }
+        ++insideOnThisThread()[this];
+        std::string error = runHandler(
+            method, [&](AndroidParcel& out) { return target->dispatch(method, request, &out); },
+            reply);
+        if (--insideOnThisThread()[this] == 0) insideOnThisThread().erase(this);
+        std::lock_guard<std::mutex> lock(mutex_);
+        --active_;
+        idle_.notify_all();
+        return error;
+    }
+
+    void detach() {
+        auto& inside = insideOnThisThread();
+        auto it = inside.find(this);
+        int mine = it == inside.end() ? 0 : it->second;
+        std::unique_lock<std::mutex> lock(mutex_);
+        target_ = nullptr;
+        idle_.wait(lock, [&] { return active_ <= mine; });
+    }
+
+private:
+    static std::map<const ProxyRoute*, int>& insideOnThisThread() {
+        thread_local std::map<const ProxyRoute*, int> inside;
+        return inside;
+    }
+
+    std::mutex mutex_;  // guards: target_, active_
+    std::condition_variable idle_;
+    const Proxy* target_;
+    int active_ = 0;
+};
+
+class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
+public:
+    ClientConnection(UniqueFd requests, UniqueFd events)
+        : requests_(std::move(requests)),
+          events_(std::move(events)),
+          caller_(requests_.get(), [this] { markDead(); }),
+          responder_(
+              events_.get(), [this](Frame& frame) { handle(frame); },
+              [this](const std::string& error) { onResponderEnd(error); }) {}
+
+    ~ClientConnection() { responder_.join(); }
+
+    static std::shared_ptr<ClientConnection> connect(const std::string& serviceName) {
+        std::string path = socketPath(serviceName);
+        UniqueFd requests(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        if (!requests.valid() || ::connect(requests.get(), reinterpret_cast<sockaddr*>(&address),
+                                           sizeof(address)) != 0) {
+            throw std::runtime_error("parlex: service '" + serviceName +
+                                     "' is not running (nothing listens at " + path + ")");
+        }
+        int pair[2];
+        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
+            throw std::runtime_error("parlex: socketpair failed: " +
+                                     std::string(std::strerror(errno)));
+        }
+        UniqueFd mine(pair[0]), theirs(pair[1]);
+        auto connection = std::make_shared<ClientConnection>(std::move(requests), std::move(mine));
+        try {
+            auto slot = connection->caller_.send(FrameKind::Hello, nullptr, 0, {theirs.get()});
+            theirs.reset();
+            Frame answer = connection->caller_.wait(slot);
+            if (answer.kind != FrameKind::HelloAck) throw std::runtime_error("no greeting");
+        } catch (const std::exception&) {
+            throw std::runtime_error("parlex: service '" + serviceName +
+                                     "' refused the connection");
+        }
+        connection->responder_.start(connection);
+        return connection;
+    }
+
+    std::future<AndroidParcel> send(const AndroidParcel& parcel) {
+        if (stopped_) {
+            std::promise<AndroidParcel> failed;
+            failed.set_exception(
+                std::make_exception_ptr(std::runtime_error("parlex: client stopped")));
+            return failed.get_future();
+        }
+        return sendCall(shared_from_this(), caller_, parcel);
+    }
+
+    std::string createObject(const std::string& type) {
+        if (stopped_) throw std::runtime_error("parlex: client stopped");
+        Frame answer = caller_.wait(caller_.send(FrameKind::Create, type.data(), type.size(), {}));
+        std::string text(answer.payload.begin(), answer.payload.end());
+        if (answer.kind != FrameKind::Reply) throw std::runtime_error(text);
+        return text;
+    }
+
+    void releaseObject(const std::string& objectId) {
+        if (stopped_ || state_ != Failure::None) return;
+        try {
+            caller_.wait(caller_.send(FrameKind::Release, objectId.data(), objectId.size(), {}));
+        } catch (const std::exception&) {
+            // The service is gone or the client stopped: the object went with the connection.
+        }
+    }
+
+    std::shared_ptr<ProxyRoute> addRoute(const std::string& objectId, const Proxy* proxy) {
+        auto route = std::make_shared<ProxyRoute>(proxy);
+        std::lock_guard<std::mutex> lock(routesMutex_);
+        routes_[objectId] = route;
+        return route;
+    }
+
+    void removeRoute(const std::string& objectId, const std::shared_ptr<ProxyRoute>& route) {
+        {
+            std::lock_guard<std::mutex> lock(routesMutex_);
+            auto it = routes_.find(objectId);
+            if (it != routes_.end() && it->second == route) routes_.erase(it);
+        }
+        route->detach();
+    }
+
+    void stop() {
+        stopped_ = true;
+        Failure expected = Failure::None;
+        state_.compare_exchange_strong(expected, Failure::Stopped);
+        caller_.fail(Failure::Stopped);
+        shutdownSockets();
+        responder_.join();
+    }
+
+private:
+    void shutdownSockets() {
+        ::shutdown(requests_.get(), SHUT_RDWR);
+        ::shutdown(events_.get(), SHUT_RDWR);
+    }
+
+    // The service is gone (or broke the protocol): fail every call and wake every thread.
+    void markDead() {
+        Failure expected = Failure::None;
+        if (!state_.compare_exchange_strong(expected, Failure::Dead)) return;
+        caller_.fail(Failure::Dead);
+        shutdownSockets();
+    }
+
+    void onResponderEnd(const std::string& error) {
+        if (!error.empty()) {
+            logLine("parlex: service sent a malformed frame (" + error + "); disconnecting");
+        }
+        markDead();
+        if (state_ == Failure::Dead) deliverDeath();
+    }
+
+    // Runs on a pool thread, never on a thread waiting for a reply, once per connection.
+    void deliverDeath() {
+        std::vector<std::shared_ptr<ProxyRoute>> routes;
+        {
+            std::lock_guard<std::mutex> lock(routesMutex_);
+            for (auto& entry : routes_) routes.push_back(entry.second);
+        }
+        for (auto& route : routes) {
+            AndroidParcel request, reply;
+            route->dispatch("death", request, reply);
+        }
+    }
+
+    void handle(Frame& frame) {
+        if (frame.kind != FrameKind::Call) {
+            logLine("parlex: service sent an unexpected frame; disconnecting");
+            markDead();
+            return;
+        }
+        AndroidParcel request = parcelFromFrame(frame);
+        AndroidParcel reply;
+        std::string objectId, method, error;
+        if (!readRequestHeader(request, objectId, method)) {
+            error = "parlex: malformed request";
+        } else {
+            std::shared_ptr<ProxyRoute> route;
+            {
+                std::lock_guard<std::mutex> lock(routesMutex_);
+                auto it = routes_.find(objectId);
+                if (it != routes_.end()) route = it->second;
+            }
+            error = route ? route->dispatch(method, request, reply)
+                          : "parlex: no object '" + objectId + "'";
+        }
+        sendAnswer(events_.get(), frame.txn, error, reply);
+    }
+
+    UniqueFd requests_;  // channel A: our requests, the service's answers
+    UniqueFd events_;    // channel B: the service's events and callbacks, our answers
+    Caller caller_;
+    Responder responder_;
+    std::atomic<Failure> state_{Failure::None};
+    std::atomic<bool> stopped_{false};
+    std::mutex routesMutex_;  // guards: routes_
+    std::map<std::string, std::shared_ptr<ProxyRoute>> routes_;
+};
+
+}  // namespace parlex::transport
+
+namespace parlex {
+
+AndroidClient::AndroidClient(const std::string& serviceName)
+    : connection_(transport::ClientConnection::connect(serviceName)) {}
+
+AndroidClient::~AndroidClient() { connection_->stop(); }
+
+std::future<AndroidParcel> AndroidClient::send(std::unique_ptr<AndroidParcel> parcel) {
+    return connection_->send(*parcel);
+}
+
+void AndroidClient::stop() { connection_->stop(); }
+
+AndroidProxy::AndroidProxy(AndroidClient* client, const std::string& type)
+    : ProxyBase(client, client->connection_->createObject(type)),
+      connection_(client->connection_),
+      route_(connection_->addRoute(objectId(), this)) {}
+
+AndroidProxy::~AndroidProxy() {
+    connection_->removeRoute(objectId(), route_);
+    connection_->releaseObject(objectId());
+}
+
+}  // namespace parlex

@@ -1,0 +1,113 @@
+#include "Messages.h"
+
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+#include "parlex/binder.h"
+
+namespace parlex::transport {
+
+AndroidParcel parcelFromFrame(Frame& frame) {
+    std::vector<int> fds;
+    fds.reserve(frame.fds.size());
+    for (UniqueFd& fd : frame.fds) fds.push_back(fd.release());
+    frame.fds.clear();
+    AndroidParcel parcel;
+    parcel->setData(frame.payload.data(), frame.payload.size(), std::move(fds));
+    return parcel;
+}
+
+bool readRequestHeader(const AndroidParcel& request, std::string& objectId, std::string& method) {
+    android::String8 id, name;
+    if (request->readString8(&id) != android::OK || request->readString8(&name) != android::OK) {
+        return false;
+    }
+    objectId.assign(id.c_str(), id.size());
+    method.assign(name.c_str(), name.size());
+    return true;
+}
+
+std::string runHandler(const std::string& method,
+                       const std::function<bool(AndroidParcel& reply)>& dispatch,
+                       AndroidParcel& reply) {
+    try {
+        if (!dispatch(reply)) return "parlex: no handler for method '" + method + "'";
+        return {};
+    } catch (const std::exception& e) {
+        std::string what = e.what();
+        return what.empty() ? "parlex: handler failed" : what;
+    } catch (...) {
+        return "parlex: unknown exception in handler for '" + method + "'";
+    }
+}
+
+void sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidParcel& reply) {
+    int rc;
+    if (error.empty()) {
+        rc = sendFrame(fd, FrameKind::Reply, txn, reply->data(), reply->dataSize(),
+                       reply->fileDescriptors());
+        if (rc == -EMSGSIZE) {
+            std::string tooLarge = "parlex: reply of " + std::to_string(reply->dataSize()) +
+                                   " bytes exceeds the message limit";
+            rc = sendFrame(fd, FrameKind::Error, txn, tooLarge.data(), tooLarge.size(), {});
+        }
+    } else {
+        rc = sendFrame(fd, FrameKind::Error, txn, error.data(), error.size(), {});
+    }
+    // A failed answer means the peer is gone; its reader notices the closed channel.
+    (void)rc;
+}
+
+namespace {
+AndroidParcel answerToParcel(Frame& frame) {
+    if (frame.kind == FrameKind::Error) {
+        throw std::runtime_error(std::string(frame.payload.begin(), frame.payload.end()));
+    }
+    return parcelFromFrame(frame);
+}
+}  // namespace
+
+std::future<AndroidParcel> sendCall(std::shared_ptr<void> keepAlive, Caller& caller,
+                                    const AndroidParcel& parcel) {
+    try {
+        auto slot = caller.send(FrameKind::Call, parcel->data(), parcel->dataSize(),
+                                parcel->fileDescriptors());
+        // Deferred: the thread that asks for the reply waits for it, and reads the channel
+        // itself when nobody else does, which saves a thread hand-off per call.
+        return std::async(std::launch::deferred,
+                          [keepAlive = std::move(keepAlive), &caller, slot]() {
+                              Frame answer = caller.wait(slot);
+                              return answerToParcel(answer);
+                          });
+    } catch (...) {
+        std::promise<AndroidParcel> failed;
+        failed.set_exception(std::current_exception());
+        return failed.get_future();
+    }
+}
+
+std::string runtimeDir() {
+    if (const char* dir = std::getenv("PARLEX_RUNTIME_DIR"); dir != nullptr && *dir != '\0') {
+        return dir;
+    }
+    if (const char* xdg = std::getenv("XDG_RUNTIME_DIR"); xdg != nullptr && *xdg != '\0') {
+        return std::string(xdg) + "/parlex";
+    }
+    return "/tmp/parlex-" + std::to_string(::getuid());
+}
+
+std::string socketPath(const std::string& serviceName) {
+    if (serviceName.empty() || serviceName.find('/') != std::string::npos || serviceName == "." ||
+        serviceName == "..") {
+        throw std::runtime_error("parlex: invalid service name '" + serviceName + "'");
+    }
+    std::string path = runtimeDir() + "/" + serviceName;
+    if (path.size() >= sizeof(sockaddr_un::sun_path)) {
+        throw std::runtime_error("parlex: socket path too long: " + path);
+    }
+    return path;
+}
+
+}  // namespace parlex::transport

@@ -1,0 +1,39 @@
+// What the client and the server connection share: turning frames into parcels and back,
+// running a request against a handler table, and the futures handed to senders.
+#pragma once
+
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "Channel.h"
+#include "parlex/AndroidParcel.h"
+
+namespace parlex::transport {
+
+// A parcel holding the frame's payload and descriptors (taken from the frame).
+AndroidParcel parcelFromFrame(Frame& frame);
+
+// Reads the object identifier and the method name that open every request.
+bool readRequestHeader(const AndroidParcel& request, std::string& objectId, std::string& method);
+
+// Runs `dispatch` (which returns false when no handler is bound), turning a missing handler or
+// an exception into the error text for the caller. Empty on success.
+std::string runHandler(const std::string& method,
+                       const std::function<bool(AndroidParcel& reply)>& dispatch,
+                       AndroidParcel& reply);
+
+// Answers request `txn` on `fd`: the reply parcel, or `error` when it is not empty.
+void sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidParcel& reply);
+
+// Sends `parcel` as a call through `caller`; the future waits for the answer when asked. Any
+// failure is stored in the future. `keepAlive` keeps the caller's owner alive meanwhile.
+std::future<AndroidParcel> sendCall(std::shared_ptr<void> keepAlive, Caller& caller,
+                                    const AndroidParcel& parcel);
+
+// Resolves a runtime directory and socket path for a service name (see binder.h).
+std::string runtimeDir();
+std::string socketPath(const std::string& serviceName);
+
+}  // namespace parlex::transport

@@ -1,0 +1,424 @@
+// The service side of the transport: the listening socket and its accept thread, one
+// connection per client with the objects that client created, and AndroidImpl's sends.
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <thread>
+
+#include "Channel.h"
+#include "Messages.h"
+#include "parlex/binder.h"
+
+namespace parlex::transport {
+
+class ServerState;
+
+class ServerConnection : public std::enable_shared_from_this<ServerConnection> {
+public:
+    ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests);
+
+    void start() {
+        auto self = shared_from_this();
+        responder_.start(self, [this] { return handshake(); });
+    }
+
+    std::future<AndroidParcel> send(const AndroidParcel& parcel) {
+        if (closed_) return deadFuture();
+        return sendCall(shared_from_this(), *caller_, parcel);
+    }
+
+    // Disconnects the client: pending and later sends fail with dead_object and every object
+    // the client created is released.
+    void close() {
+        if (closed_.exchange(true)) return;
+        ::shutdown(requests_.get(), SHUT_RDWR);
+        {
+            std::lock_guard<std::mutex> lock(callerMutex_);
+            if (caller_) caller_->fail(Failure::Dead);
+            if (events_.valid()) ::shutdown(events_.get(), SHUT_RDWR);
+        }
+        std::map<std::string, std::shared_ptr<AndroidImpl>> objects;
+        {
+            std::lock_guard<std::mutex> lock(objectsMutex_);
+            objects.swap(objects_);
+        }
+        // The objects go here, outside the lock: their destructors may do anything.
+    }
+
+    void join() { responder_.join(); }
+    bool finished() { return responder_.finished(); }
+
+private:
+    static std::future<AndroidParcel> deadFuture() {
+        std::promise<AndroidParcel> failed;
+        failed.set_exception(std::make_exception_ptr(dead_object()));
+        return failed.get_future();
+    }
+
+    // The first frame of a connection must be the greeting that brings the event channel.
+    bool handshake() {
+        Frame hello;
+        std::string error;
+        RecvStatus status = recvFrame(requests_.get(), hello, error);
+        if (status == RecvStatus::Closed) return false;
+        struct stat st;
+        if (status == RecvStatus::Malformed || hello.kind != FrameKind::Hello ||
+            hello.fds.size() != 1 || ::fstat(hello.fds[0].get(), &st) != 0 ||
+            !S_ISSOCK(st.st_mode)) {
+            logLine("parlex: client sent a bad greeting (" +
+                    (error.empty() ? std::string("not a greeting") : error) + "); disconnecting");
+            return false;
+        }
+        {
+            std::lock_guard<std::mutex> lock(callerMutex_);
+            if (closed_) return false;
+            events_ = std::move(hello.fds[0]);
+            caller_ = std::make_unique<Caller>(events_.get(), [this] { close(); });
+        }
+        return sendFrame(requests_.get(), FrameKind::HelloAck, hello.txn, nullptr, 0, {}) == 0;
+    }
+
+    void handle(Frame& frame) {
+        switch (frame.kind) {
+            case FrameKind::Create:
+                return create(frame);
+            case FrameKind::Release:
+                return release(frame);
+            case FrameKind::Call:
+                return call(frame);
+            default:
+                logLine("parlex: client sent an unexpected frame; disconnecting");
+                close();
+        }
+    }
+
+    void create(Frame& frame);
+
+    void release(Frame& frame) {
+        std::string objectId(frame.payload.begin(), frame.payload.end());
+        std::shared_ptr<AndroidImpl> object;
+        {
+            std::lock_guard<std::mutex> lock(objectsMutex_);
+            auto it = objects_.find(objectId);
+            if (it != objects_.end()) {
+                object = std::move(it->second);
+                objects_.erase(it);
+            }
+        }
+        object.reset();
+        AndroidParcel empty;
+        sendAnswer(requests_.get(), frame.txn, {}, empty);
+    }
+
+    void call(Frame& frame) {
+        AndroidParcel request = parcelFromFrame(frame);
+        AndroidParcel reply;
+        std::string objectId, method, error;
+        if (!readRequestHeader(request, objectId, method)) {
+            error = "parlex: malformed request";
+        } else {
+            std::shared_ptr<AndroidImpl> object;
+            {
+                std::lock_guard<std::mutex> lock(objectsMutex_);
+                auto it = objects_.find(objectId);
+                if (it != objects_.end()) object = it->second;
+            }
+            if (object) {
+                error = runHandler(
+                    method,
+                    [&](AndroidParcel& out) { return object->dispatch(method, request, &out); },
+                    reply);
+            } else {
+                error = "parlex: no object '" + objectId + "'";
+            }
+        }
+        sendAnswer(requests_.get(), frame.txn, error, reply);
+    }
+
+    void onEnd(const std::string& error);
+
+    AndroidServer& server_;
+    ServerState& state_;
+    UniqueFd requests_;  // channel A: the client's requests, our answers
+    std::atomic<bool> closed_{false};
+    std::mutex callerMutex_;  // guards: events_, caller_ (written once, by the handshake)
+    UniqueFd events_;         // channel B: our events and callbacks, the client's answers
+    std::unique_ptr<Caller> caller_;
+    std::mutex objectsMutex_;  // guards: objects_
+    std::map<std::string, std::shared_ptr<AndroidImpl>> objects_;
+    Responder responder_;
+};
+
+class ServerState {
+public:
+    ServerState(AndroidServer& server, std::string path, UniqueFd listener, dev_t dev, ino_t ino)
+        : server_(server),
+          path_(std::move(path)),
+          listener_(std::move(listener)),
+          wake_(::eventfd(0, EFD_CLOEXEC)),
+          socketDev_(dev),
+          socketIno_(ino) {
+        if (!wake_.valid()) throw std::runtime_error("parlex: eventfd failed");
+        acceptThread_ = std::thread(&ServerState::acceptLoop, this);
+    }
+
+    ~ServerState() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        wake();
+        acceptThread_.join();
+        std::vector<std::shared_ptr<ServerConnection>> connections;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            connections.swap(connections_);
+        }
+        for (auto& connection : connections) connection->close();
+        for (auto& connection : connections) connection->join();
+        // Remove the socket only if it is still ours.
+        struct stat st;
+        if (::stat(path_.c_str(), &st) == 0 && st.st_dev == socketDev_ && st.st_ino == socketIno_) {
+            ::unlink(path_.c_str());
+        }
+    }
+
+    std::string nextObjectId(const std::string& type) {
+        return type + "#" + std::to_string(nextObjectId_++);
+    }
+
+    // Asks the accept thread to join the threads of connections that have ended.
+    void wake() {
+        uint64_t one = 1;
+        ssize_t n = ::write(wake_.get(), &one, sizeof(one));
+        (void)n;
+    }
+
+private:
+    void acceptLoop() {
+        pollfd fds[2] = {{listener_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
+        while (true) {
+            if (::poll(fds, 2, -1) < 0) {
+                if (errno == EINTR) continue;
+                logLine("parlex: poll failed: " + std::string(std::strerror(errno)));
+                return;
+            }
+            if (fds[1].revents & POLLIN) {
+                uint64_t count;
+                ssize_t n = ::read(wake_.get(), &count, sizeof(count));
+                (void)n;
+                {
+                    std::lock_guard<std::mutex> lock(mutex_);
+                    if (stopping_) return;
+                }
+                reap();
+            }
+            if (fds[0].revents & POLLIN) accept();
+        }
+    }
+
+    void accept() {
+        UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!client.valid()) {
+            if (errno == EMFILE || errno == ENFILE) {
+                logLine("parlex: out of descriptors; a client waits");
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+            return;
+        }
+        auto connection = std::make_shared<ServerConnection>(server_, *this, std::move(client));
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (stopping_) return;
+            connections_.push_back(connection);
+        }
+        connection->start();
+    }
+
+    void reap() {
+        std::vector<std::shared_ptr<ServerConnection>> ended;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            for (auto it = connections_.begin(); it != connections_.end();) {
+                if ((*it)->finished()) {
+                    ended.push_back(std::move(*it));
+                    it = connections_.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+        }
+        for (auto& connection : ended) connection->join();
+    }
+
+    AndroidServer& server_;
+    const std::string path_;
+    UniqueFd listener_;
+    UniqueFd wake_;
+    const dev_t socketDev_;
+    const ino_t socketIno_;
+    std::atomic<uint64_t> nextObjectId_{1};
+    std::mutex mutex_;  // guards: connections_, stopping_
+    std::vector<std::shared_ptr<ServerConnection>> connections_;
+    bool stopping_ = false;
+    std::thread acceptThread_;
+};
+
+ServerConnection::ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests)
+    : server_(server),
+      state_(state),
+      requests_(std::move(requests)),
+      responder_(
+          requests_.get(), [this](Frame& frame) { handle(frame); },
+          [this](const std::string& error) { onEnd(error); }) {}
+
+void ServerConnection::create(Frame& frame) {
+    std::string type(frame.payload.begin(), frame.payload.end());
+    std::shared_ptr<AndroidImpl> object;
+    std::string error;
+    try {
+        object = server_.createObject(type);
+        if (!object) error = "parlex: no factory for object type '" + type + "'";
+    } catch (const std::exception& e) {
+        error = std::string("parlex: creating '") + type + "' failed: " + e.what();
+    }
+    std::string objectId;
+    if (object) {
+        objectId = state_.nextObjectId(type);
+        object->objectId_ = objectId;
+        object->connection_ = weak_from_this();
+        std::lock_guard<std::mutex> lock(objectsMutex_);
+        if (closed_) {
+            error = "parlex: connection closed";
+        } else {
+            objects_[objectId] = object;
+        }
+    }
+    if (!error.empty()) {
+        AndroidParcel empty;
+        sendAnswer(requests_.get(), frame.txn, error, empty);
+        return;
+    }
+    int rc = sendFrame(requests_.get(), FrameKind::Reply, frame.txn, objectId.data(),
+                       objectId.size(), {});
+    (void)rc;
+}
+
+void ServerConnection::onEnd(const std::string& error) {
+    if (!error.empty()) {
+        logLine("parlex: client sent a malformed frame (" + error + "); disconnecting");
+    }
+    close();
+    state_.wake();
+}
+
+namespace {
+
+// Creates the runtime directory when missing. The shared default under /tmp must be ours and a
+// real directory, or anyone could stand in for the service.
+void prepareRuntimeDir(const std::string& dir) {
+    if (::mkdir(dir.c_str(), 0700) == 0) return;
+    if (errno != EEXIST) {
+        throw std::runtime_error("parlex: cannot create " + dir + ": " + std::strerror(errno));
+    }
+    struct stat st;
+    if (::lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        throw std::runtime_error("parlex: " + dir + " is not a directory");
+    }
+    bool isDefault =
+        std::getenv("PARLEX_RUNTIME_DIR") == nullptr && std::getenv("XDG_RUNTIME_DIR") == nullptr;
+    if (isDefault && st.st_uid != ::getuid()) {
+        throw std::runtime_error("parlex: " + dir + " belongs to another user");
+    }
+}
+
+mode_t socketMode() {
+    const char* text = std::getenv("PARLEX_SOCKET_MODE");
+    if (text == nullptr || *text == '\0') return 0600;
+    char* end = nullptr;
+    unsigned long mode = std::strtoul(text, &end, 8);
+    if (*end != '\0' || mode > 0777) {
+        throw std::runtime_error(std::string("parlex: bad PARLEX_SOCKET_MODE '") + text + "'");
+    }
+    return static_cast<mode_t>(mode);
+}
+
+int bindTo(int fd, const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+}
+
+// True when a server accepts connections at `path`.
+bool serverAlive(const std::string& path) {
+    UniqueFd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return probe.valid() &&
+           ::connect(probe.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+}  // namespace
+
+}  // namespace parlex::transport
+
+namespace parlex {
+
+AndroidImpl::AndroidImpl() = default;
+AndroidImpl::~AndroidImpl() = default;
+
+std::future<AndroidParcel> AndroidImpl::send(std::unique_ptr<AndroidParcel> parcel) {
+    if (auto connection = connection_.lock()) return connection->send(*parcel);
+    std::promise<AndroidParcel> failed;
+    failed.set_exception(std::make_exception_ptr(dead_object()));
+    return failed.get_future();
+}
+
+AndroidServer::AndroidServer() = default;
+
+AndroidServer::~AndroidServer() { stop(); }
+
+void AndroidServer::start(const std::string& serviceName) {
+    using namespace transport;
+    if (state_) throw std::runtime_error("parlex: server already started");
+    std::string path = socketPath(serviceName);
+    prepareRuntimeDir(runtimeDir());
+    mode_t mode = socketMode();
+
+    UniqueFd listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!listener.valid()) throw std::runtime_error("parlex: socket failed");
+    if (bindTo(listener.get(), path) != 0) {
+        if (errno != EADDRINUSE) {
+            throw std::runtime_error("parlex: cannot bind " + path + ": " + std::strerror(errno));
+        }
+        if (serverAlive(path)) {
+            throw std::runtime_error("parlex: service '" + serviceName + "' is already running");
+        }
+        // Left behind by a server that died: take its place.
+        ::unlink(path.c_str());
+        if (bindTo(listener.get(), path) != 0) {
+            throw std::runtime_error("parlex: cannot bind " + path + ": " + std::strerror(errno));
+        }
+    }
+    struct stat st;
+    if (::chmod(path.c_str(), mode) != 0 || ::stat(path.c_str(), &st) != 0 ||
+        ::listen(listener.get(), SOMAXCONN) != 0) {
+        std::string why = std::strerror(errno);
+        ::unlink(path.c_str());
+        throw std::runtime_error("parlex: cannot listen at " + path + ": " + why);
+    }
+    state_ = std::make_unique<ServerState>(*this, path, std::move(listener), st.st_dev, st.st_ino);
+}
+
+void AndroidServer::stop() { state_.reset(); }
+
+}  // namespace parlex
