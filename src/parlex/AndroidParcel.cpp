@@ -1,0 +1,211 @@
+// The parcel wrapper, the shared audio buffer and the scalar codecs. The encodings are listed
+// in AndroidParcel.h; each writer below sits next to its reader.
+//
+// Reads whose target is a plain value leave it untouched when the parcel runs short, so the
+// caller's zero (as<T>() value-initialises) stands. Writes into the in-memory parcel can only
+// fail for lengths beyond INT32_MAX, which no argument of the protocol comes near, so only the
+// blob encoding, whose shared memory can really fail, reports a failure.
+#include <parlex/AndroidParcel.h>
+
+#include <cstring>
+#include <utility>
+
+namespace parlex {
+
+static_assert(sizeof(int) == sizeof(int32_t), "int travels as int32");
+static_assert(sizeof(unsigned int) == sizeof(uint32_t), "unsigned int travels as int32");
+static_assert(sizeof(long long) == sizeof(int64_t), "long long travels as int64");
+static_assert(sizeof(float) == 4, "float travels as 4 bytes");
+
+AndroidBuffer::Impl::~Impl() {
+    if (owned) delete[] static_cast<uint8_t*>(data);
+}
+
+AndroidBuffer::AndroidBuffer(unsigned int size, const void* data, bool copy) {
+    if (!copy) {
+        impl_ = std::make_shared<Impl>(size, const_cast<void*>(data), false);
+        return;
+    }
+    std::unique_ptr<uint8_t[]> bytes;
+    if (size > 0) {
+        bytes.reset(new uint8_t[size]);
+        std::memcpy(bytes.get(), data, size);
+    }
+    impl_ = std::make_shared<Impl>(size, bytes.get(), true);
+    bytes.release();  // now owned by the Impl
+}
+
+AndroidParcel::AndroidParcel() : parcel_(new android::Parcel), owned_(true) {}
+
+AndroidParcel::AndroidParcel(android::Parcel* parcel, bool owned)
+    : parcel_(parcel), owned_(owned) {}
+
+AndroidParcel::~AndroidParcel() { release(); }
+
+AndroidParcel::AndroidParcel(AndroidParcel&& other) noexcept
+    : parcel_(std::exchange(other.parcel_, nullptr)),
+      owned_(std::exchange(other.owned_, false)),
+      ownedStrings_(std::move(other.ownedStrings_)) {
+    other.ownedStrings_.clear();
+}
+
+AndroidParcel& AndroidParcel::operator=(AndroidParcel&& other) noexcept {
+    if (this != &other) {
+        release();
+        parcel_ = std::exchange(other.parcel_, nullptr);
+        owned_ = std::exchange(other.owned_, false);
+        ownedStrings_ = std::move(other.ownedStrings_);
+        other.ownedStrings_.clear();
+    }
+    return *this;
+}
+
+void AndroidParcel::release() {
+    if (owned_) delete parcel_;
+    parcel_ = nullptr;
+    owned_ = false;
+    for (char* text : ownedStrings_) delete[] text;
+    ownedStrings_.clear();
+}
+
+void AndroidParcel::write(const std::string& value) {
+    parcel_->writeString8(value.data(), value.size());
+}
+
+void AndroidParcel::read(std::string& value) const {
+    android::String8 text;
+    if (parcel_->readString8(&text) == android::OK) value.assign(text.c_str(), text.size());
+}
+
+void AndroidParcel::write(const char* value) {
+    if (value == nullptr) {
+        parcel_->writeInt32(-1);
+        return;
+    }
+    parcel_->writeInt32(static_cast<int32_t>(std::strlen(value)));
+    parcel_->writeCString(value);
+}
+
+void AndroidParcel::read(const char*& value) const {
+    // Unlike the numeric readers this one always sets its target: a half-read string is
+    // reported as null rather than leaving a pointer the caller might not own.
+    value = nullptr;
+    int32_t length = -1;
+    if (parcel_->readInt32(&length) != android::OK || length < 0) return;
+    const char* text = parcel_->readCString();
+    // The copy is sized from the prefix; a prefix that disagrees with the bytes would make it
+    // read past the string, so such a string is dropped.
+    if (text == nullptr || std::strlen(text) != static_cast<size_t>(length)) return;
+    const size_t size = static_cast<size_t>(length) + 1;
+    std::unique_ptr<char[]> copy(new char[size]);
+    std::memcpy(copy.get(), text, size);
+    ownedStrings_.push_back(copy.get());
+    value = copy.release();  // now owned through ownedStrings_
+}
+
+void AndroidParcel::write(const AndroidBuffer& value) {
+    const unsigned int size = value.size();
+    parcel_->writeInt32(static_cast<int32_t>(size));
+    android::Parcel::WritableBlob blob;
+    if (writeBlob(size, &blob) != android::OK) throw impl::runtime_error("writeBlob failed");
+    if (size > 0) std::memcpy(blob.data(), value.data(), size);
+    blob.release();
+}
+
+void AndroidParcel::read(AndroidBuffer& value) const {
+    int32_t size = 0;
+    parcel_->readInt32(&size);
+    android::Parcel::ReadableBlob blob;
+    if (size < 0 || parcel_->readBlob(static_cast<size_t>(size), &blob) != android::OK) {
+        throw impl::runtime_error("readBlob failed");
+    }
+    // A private copy: the mapping goes with the blob and in-place bytes with the parcel.
+    value = AndroidBuffer(static_cast<unsigned int>(size), blob.data(), true);
+}
+
+AndroidParcel& operator<<(AndroidParcel& parcel, bool value) {
+    parcel->writeInt32(value ? 1 : 0);
+    return parcel;
+}
+
+const AndroidParcel& operator>>(const AndroidParcel& parcel, bool& value) {
+    int32_t raw = 0;
+    if (parcel->readInt32(&raw) == android::OK) value = raw != 0;
+    return parcel;
+}
+
+AndroidParcel& operator<<(AndroidParcel& parcel, int value) {
+    parcel->writeInt32(value);
+    return parcel;
+}
+
+const AndroidParcel& operator>>(const AndroidParcel& parcel, int& value) {
+    int32_t raw = 0;
+    if (parcel->readInt32(&raw) == android::OK) value = raw;
+    return parcel;
+}
+
+AndroidParcel& operator<<(AndroidParcel& parcel, unsigned int value) {
+    parcel->writeUint32(value);
+    return parcel;
+}
+
+const AndroidParcel& operator>>(const AndroidParcel& parcel, unsigned int& value) {
+    uint32_t raw = 0;
+    if (parcel->readUint32(&raw) == android::OK) value = raw;
+    return parcel;
+}
+
+AndroidParcel& operator<<(AndroidParcel& parcel, long long value) {
+    parcel->writeInt64(value);
+    return parcel;
+}
+
+const AndroidParcel& operator>>(const AndroidParcel& parcel, long long& value) {
+    int64_t raw = 0;
+    if (parcel->readInt64(&raw) == android::OK) value = raw;
+    return parcel;
+}
+
+AndroidParcel& operator<<(AndroidParcel& parcel, float value) {
+    parcel->writeFloat(value);
+    return parcel;
+}
+
+const AndroidParcel& operator>>(const AndroidParcel& parcel, float& value) {
+    float raw = 0;
+    if (parcel->readFloat(&raw) == android::OK) value = raw;
+    return parcel;
+}
+
+AndroidParcel& operator<<(AndroidParcel& parcel, const std::string& value) {
+    parcel.write(value);
+    return parcel;
+}
+
+const AndroidParcel& operator>>(const AndroidParcel& parcel, std::string& value) {
+    parcel.read(value);
+    return parcel;
+}
+
+AndroidParcel& operator<<(AndroidParcel& parcel, const char* value) {
+    parcel.write(value);
+    return parcel;
+}
+
+const AndroidParcel& operator>>(const AndroidParcel& parcel, const char*& value) {
+    parcel.read(value);
+    return parcel;
+}
+
+AndroidParcel& operator<<(AndroidParcel& parcel, const AndroidBuffer& value) {
+    parcel.write(value);
+    return parcel;
+}
+
+const AndroidParcel& operator>>(const AndroidParcel& parcel, AndroidBuffer& value) {
+    parcel.read(value);
+    return parcel;
+}
+
+}  // namespace parlex
