@@ -1,0 +1,72 @@
+// The media description that accompanies a URL source: three texts, a caption and two maps of
+// up to 20 text pairs. Every text is an owned copy; null stays null.
+#pragma once
+
+#include <orv/Export.h>
+
+#include <cstdint>
+
+namespace orv {
+
+// How the player behaves when its playback is interrupted. The values come from the host's
+// player and pass through unchanged: the fixed 32-bit type keeps any value it sends valid.
+enum InterruptedBehavior : int32_t {
+    kInterruptedPause = 0,
+    kInterruptedStop = 1,
+    kInterruptedDuck = 2,
+};
+
+class ORV_EXPORT CaptionData {
+public:
+    CaptionData();
+    CaptionData(const char* first, const char* second);
+    CaptionData(const CaptionData& other);
+    CaptionData& operator=(const CaptionData& other);
+    ~CaptionData();
+
+    char* first = nullptr;
+    char* second = nullptr;
+};
+
+class ORV_EXPORT DescriptionPair {
+public:
+    DescriptionPair();
+    DescriptionPair(const char* first, const char* second);
+    DescriptionPair(const DescriptionPair& other);
+    DescriptionPair& operator=(const DescriptionPair& other);
+    ~DescriptionPair();
+
+    char* first = nullptr;
+    char* second = nullptr;
+};
+
+// The pairs beyond `count` are unused and hold null strings. Copies copy all 20 pairs.
+class ORV_EXPORT DescriptionMap {
+public:
+    static constexpr uint32_t kCapacity = 20;
+
+    uint32_t count = 0;
+    DescriptionPair pairs[kCapacity];
+};
+
+class ORV_EXPORT MediaDescription {
+public:
+    MediaDescription();
+    MediaDescription(const char* firstText, InterruptedBehavior interruptedBehavior,
+                     const char* secondText, const char* thirdText, CaptionData caption,
+                     DescriptionMap firstMap, DescriptionMap secondMap, bool flag);
+    MediaDescription(const MediaDescription& other);
+    MediaDescription& operator=(const MediaDescription& other);
+    ~MediaDescription();
+
+    char* firstText = nullptr;
+    InterruptedBehavior interruptedBehavior = kInterruptedPause;
+    char* secondText = nullptr;
+    char* thirdText = nullptr;
+    CaptionData caption;
+    DescriptionMap firstMap;
+    DescriptionMap secondMap;
+    bool flag = false;
+};
+
+}  // namespace orv

@@ -1,0 +1,54 @@
+// The player's state as the host reports it (position, state code, content protection), in two
+// versions, and the kind of a playback error. Texts are owned copies; null stays null.
+#pragma once
+
+#include <orv/Export.h>
+
+#include <cstdint>
+
+namespace orv {
+
+// The kind of a playback error. The values come from the host's player and pass through
+// unchanged: the fixed 32-bit type keeps any value it sends valid.
+enum ErrorType : int32_t {
+    kErrorUnknown = 0,
+    kErrorNetwork = 1,
+    kErrorDecode = 2,
+    kErrorContent = 3,
+};
+
+class ORV_EXPORT MediaPlayerProtection {
+public:
+    MediaPlayerProtection();
+    MediaPlayerProtection(const char* protection, bool isProtected);
+    MediaPlayerProtection(const MediaPlayerProtection& other);
+    MediaPlayerProtection& operator=(const MediaPlayerProtection& other);
+    ~MediaPlayerProtection();
+
+    char* protection = nullptr;
+    bool isProtected = false;
+};
+
+class ORV_EXPORT MediaPlayerState {
+public:
+    int32_t offsetMs = 0;   // playback position in milliseconds
+    int32_t stateCode = 0;  // the host player's own code, passed through
+    MediaPlayerProtection protection;
+};
+
+class ORV_EXPORT MediaPlayerStateV2 {
+public:
+    MediaPlayerStateV2();
+    MediaPlayerStateV2(int offsetMs, int stateCode, MediaPlayerProtection protection,
+                       const char* playlistType);
+    MediaPlayerStateV2(const MediaPlayerStateV2& other);
+    MediaPlayerStateV2& operator=(const MediaPlayerStateV2& other);
+    ~MediaPlayerStateV2();
+
+    int32_t offsetMs = 0;
+    int32_t stateCode = 0;
+    MediaPlayerProtection protection;
+    char* playlistType = nullptr;
+};
+
+}  // namespace orv

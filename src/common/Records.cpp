@@ -1,0 +1,340 @@
+// Construction, copying and destruction of the value records.
+//
+// Every text field owns a private array-new copy of its text or is null; a null source stays
+// null (never becomes ""). Assignment copies a text before it frees the old one, so a record may
+// be assigned to itself or a field set from its own value.
+#include <orv/Records.h>
+
+#include <cstring>
+
+namespace orv {
+
+namespace {
+
+char* copyString(const char* text) {
+    if (text == nullptr) {
+        return nullptr;
+    }
+    const size_t size = std::strlen(text) + 1;
+    char* copy = new char[size];
+    std::memcpy(copy, text, size);
+    return copy;
+}
+
+void assignString(char*& field, const char* text) {
+    char* copy = copyString(text);
+    delete[] field;
+    field = copy;
+}
+
+// The four source versions share their text fields; only the numbers differ between them.
+template <typename Source>
+void assignSourceStrings(Source& to, const Source& from) {
+    assignString(to.url, from.url);
+    assignString(to.clusterId, from.clusterId);
+    assignString(to.playbackContextHeadersJSON, from.playbackContextHeadersJSON);
+}
+
+template <typename Source>
+void freeSourceStrings(Source& source) {
+    delete[] source.url;
+    delete[] source.clusterId;
+    delete[] source.playbackContextHeadersJSON;
+}
+
+}  // namespace
+
+// ---- sources
+
+// The four versions differ only in their numeric fields, so everything but assignment is the
+// same text for each of them.
+#define ORV_DEFINE_SOURCE_MEMBERS(Source)                                          \
+    Source::Source() = default;                                                    \
+    Source::Source(const Source& other) { *this = other; }                         \
+    Source::~Source() { freeSourceStrings(*this); }                                \
+    void Source::setUrl(const char* text) { assignString(url, text); }             \
+    void Source::setClusterId(const char* text) { assignString(clusterId, text); } \
+    void Source::setPlaybackContextHeadersJSON(const char* text) {                 \
+        assignString(playbackContextHeadersJSON, text);                            \
+    }
+
+ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSource)
+ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSourceV2)
+ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSourceV3)
+ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSourceV4)
+#undef ORV_DEFINE_SOURCE_MEMBERS
+
+ZEMAudioSource& ZEMAudioSource::operator=(const ZEMAudioSource& other) {
+    if (this != &other) {
+        type = other.type;
+        format = other.format;
+        param1 = other.param1;
+        param2 = other.param2;
+        param4 = other.param4;
+        param5 = other.param5;
+        assignSourceStrings(*this, other);
+    }
+    return *this;
+}
+
+ZEMAudioSourceV2& ZEMAudioSourceV2::operator=(const ZEMAudioSourceV2& other) {
+    if (this != &other) {
+        type = other.type;
+        format = other.format;
+        param1 = other.param1;
+        param2 = other.param2;
+        param3 = other.param3;
+        param4 = other.param4;
+        param5 = other.param5;
+        assignSourceStrings(*this, other);
+    }
+    return *this;
+}
+
+ZEMAudioSourceV3& ZEMAudioSourceV3::operator=(const ZEMAudioSourceV3& other) {
+    if (this != &other) {
+        type = other.type;
+        format = other.format;
+        param1 = other.param1;
+        param2 = other.param2;
+        param3 = other.param3;
+        param4 = other.param4;
+        param5 = other.param5;
+        param7 = other.param7;
+        param8 = other.param8;
+        param9 = other.param9;
+        param10 = other.param10;
+        param11 = other.param11;
+        param12 = other.param12;
+        param13 = other.param13;
+        assignSourceStrings(*this, other);
+    }
+    return *this;
+}
+
+ZEMAudioSourceV4& ZEMAudioSourceV4::operator=(const ZEMAudioSourceV4& other) {
+    if (this != &other) {
+        type = other.type;
+        format = other.format;
+        param1 = other.param1;
+        param2 = other.param2;
+        param3 = other.param3;
+        param4 = other.param4;
+        param5 = other.param5;
+        param7 = other.param7;
+        param8 = other.param8;
+        param9 = other.param9;
+        param10 = other.param10;
+        param11 = other.param11;
+        param12 = other.param12;
+        param13 = other.param13;
+        volumeGain = other.volumeGain;
+        assignSourceStrings(*this, other);
+    }
+    return *this;
+}
+
+// ---- media description
+
+// CaptionData, DescriptionPair and MetadataKeyValuePair have the same form: two owned texts.
+#define ORV_DEFINE_TEXT_PAIR_MEMBERS(Pair, a, b)                                      \
+    Pair::Pair() = default;                                                           \
+    Pair::Pair(const char* a##Text, const char* b##Text)                              \
+        : a(copyString(a##Text)), b(copyString(b##Text)) {}                           \
+    Pair::Pair(const Pair& other) : a(copyString(other.a)), b(copyString(other.b)) {} \
+    Pair& Pair::operator=(const Pair& other) {                                        \
+        if (this != &other) {                                                         \
+            assignString(a, other.a);                                                 \
+            assignString(b, other.b);                                                 \
+        }                                                                             \
+        return *this;                                                                 \
+    }                                                                                 \
+    Pair::~Pair() {                                                                   \
+        delete[] a;                                                                   \
+        delete[] b;                                                                   \
+    }
+
+ORV_DEFINE_TEXT_PAIR_MEMBERS(CaptionData, first, second)
+ORV_DEFINE_TEXT_PAIR_MEMBERS(DescriptionPair, first, second)
+ORV_DEFINE_TEXT_PAIR_MEMBERS(MetadataKeyValuePair, key, value)
+#undef ORV_DEFINE_TEXT_PAIR_MEMBERS
+
+MediaDescription::MediaDescription() = default;
+
+MediaDescription::MediaDescription(const char* firstText, InterruptedBehavior interruptedBehavior,
+                                   const char* secondText, const char* thirdText,
+                                   CaptionData caption, DescriptionMap firstMap,
+                                   DescriptionMap secondMap, bool flag)
+    : firstText(copyString(firstText)),
+      interruptedBehavior(interruptedBehavior),
+      secondText(copyString(secondText)),
+      thirdText(copyString(thirdText)),
+      caption(caption),
+      firstMap(firstMap),
+      secondMap(secondMap),
+      flag(flag) {}
+
+MediaDescription::MediaDescription(const MediaDescription& other)
+    : firstText(copyString(other.firstText)),
+      interruptedBehavior(other.interruptedBehavior),
+      secondText(copyString(other.secondText)),
+      thirdText(copyString(other.thirdText)),
+      caption(other.caption),
+      firstMap(other.firstMap),
+      secondMap(other.secondMap),
+      flag(other.flag) {}
+
+MediaDescription& MediaDescription::operator=(const MediaDescription& other) {
+    if (this != &other) {
+        assignString(firstText, other.firstText);
+        interruptedBehavior = other.interruptedBehavior;
+        assignString(secondText, other.secondText);
+        assignString(thirdText, other.thirdText);
+        caption = other.caption;
+        firstMap = other.firstMap;
+        secondMap = other.secondMap;
+        flag = other.flag;
+    }
+    return *this;
+}
+
+MediaDescription::~MediaDescription() {
+    delete[] firstText;
+    delete[] secondText;
+    delete[] thirdText;
+}
+
+// ---- player state
+
+MediaPlayerProtection::MediaPlayerProtection() = default;
+
+MediaPlayerProtection::MediaPlayerProtection(const char* protection, bool isProtected)
+    : protection(copyString(protection)), isProtected(isProtected) {}
+
+MediaPlayerProtection::MediaPlayerProtection(const MediaPlayerProtection& other)
+    : protection(copyString(other.protection)), isProtected(other.isProtected) {}
+
+MediaPlayerProtection& MediaPlayerProtection::operator=(const MediaPlayerProtection& other) {
+    if (this != &other) {
+        assignString(protection, other.protection);
+        isProtected = other.isProtected;
+    }
+    return *this;
+}
+
+MediaPlayerProtection::~MediaPlayerProtection() { delete[] protection; }
+
+MediaPlayerStateV2::MediaPlayerStateV2() = default;
+
+MediaPlayerStateV2::MediaPlayerStateV2(int offsetMs, int stateCode,
+                                       MediaPlayerProtection protection, const char* playlistType)
+    : offsetMs(offsetMs),
+      stateCode(stateCode),
+      protection(protection),
+      playlistType(copyString(playlistType)) {}
+
+MediaPlayerStateV2::MediaPlayerStateV2(const MediaPlayerStateV2& other)
+    : offsetMs(other.offsetMs),
+      stateCode(other.stateCode),
+      protection(other.protection),
+      playlistType(copyString(other.playlistType)) {}
+
+MediaPlayerStateV2& MediaPlayerStateV2::operator=(const MediaPlayerStateV2& other) {
+    if (this != &other) {
+        offsetMs = other.offsetMs;
+        stateCode = other.stateCode;
+        protection = other.protection;
+        assignString(playlistType, other.playlistType);
+    }
+    return *this;
+}
+
+MediaPlayerStateV2::~MediaPlayerStateV2() { delete[] playlistType; }
+
+// ---- playback
+
+PlaybackAttributes::PlaybackAttributes() = default;
+
+PlaybackAttributes::PlaybackAttributes(const char* firstText, const char* secondText,
+                                       long firstValue, long secondValue)
+    : firstText(copyString(firstText)),
+      secondText(copyString(secondText)),
+      firstValue(static_cast<int32_t>(firstValue)),
+      secondValue(static_cast<int32_t>(secondValue)) {}
+
+PlaybackAttributes::PlaybackAttributes(const PlaybackAttributes& other)
+    : firstText(copyString(other.firstText)),
+      secondText(copyString(other.secondText)),
+      firstValue(other.firstValue),
+      secondValue(other.secondValue) {}
+
+PlaybackAttributes& PlaybackAttributes::operator=(const PlaybackAttributes& other) {
+    if (this != &other) {
+        assignString(firstText, other.firstText);
+        assignString(secondText, other.secondText);
+        firstValue = other.firstValue;
+        secondValue = other.secondValue;
+    }
+    return *this;
+}
+
+PlaybackAttributes::~PlaybackAttributes() {
+    delete[] firstText;
+    delete[] secondText;
+}
+
+PlaybackReports::PlaybackReports() = default;
+
+PlaybackReports::PlaybackReports(uint32_t count) { reset(count); }
+
+PlaybackReports::PlaybackReports(const PlaybackReports& other) { *this = other; }
+
+PlaybackReports& PlaybackReports::operator=(const PlaybackReports& other) {
+    if (this != &other) {
+        // Build the copy completely before giving up the old array.
+        PlaybackReport* copy = other.count == 0 ? nullptr : new PlaybackReport[other.count];
+        for (uint32_t i = 0; i < other.count; ++i) {
+            copy[i] = other.reports[i];
+        }
+        delete[] reports;
+        reports = copy;
+        count = other.count;
+    }
+    return *this;
+}
+
+PlaybackReports::~PlaybackReports() { delete[] reports; }
+
+void PlaybackReports::reset(uint32_t newCount) {
+    PlaybackReport* fresh = newCount == 0 ? nullptr : new PlaybackReport[newCount];
+    delete[] reports;
+    reports = fresh;
+    count = newCount;
+}
+
+Fingerprint::Fingerprint() = default;
+
+Fingerprint::Fingerprint(const char* first, const char* second, const char* third)
+    : first(copyString(first)), second(copyString(second)), third(copyString(third)) {}
+
+Fingerprint::Fingerprint(const Fingerprint& other)
+    : first(copyString(other.first)),
+      second(copyString(other.second)),
+      third(copyString(other.third)) {}
+
+Fingerprint& Fingerprint::operator=(const Fingerprint& other) {
+    if (this != &other) {
+        assignString(first, other.first);
+        assignString(second, other.second);
+        assignString(third, other.third);
+    }
+    return *this;
+}
+
+Fingerprint::~Fingerprint() {
+    delete[] first;
+    delete[] second;
+    delete[] third;
+}
+
+}  // namespace orv
