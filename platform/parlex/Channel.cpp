@@ -131,8 +131,11 @@ void Caller::fail(Failure failure) {
 
 // ---- Responder ----
 
-Responder::Responder(int fd, Handle handle, OnEnd onEnd)
-    : fd_(fd), handle_(std::move(handle)), onEnd_(std::move(onEnd)) {}
+Responder::Responder(int fd, Handle handle, OnEnd onEnd, std::function<void()> onFinished)
+    : fd_(fd),
+      handle_(std::move(handle)),
+      onEnd_(std::move(onEnd)),
+      onFinished_(std::move(onFinished)) {}
 
 Responder::~Responder() { join(); }
 
@@ -170,8 +173,12 @@ void Responder::loop(std::shared_ptr<void> keepAlive, std::function<bool()> firs
         }
     }
     end(error);
-    std::lock_guard<std::mutex> lock(mutex_);
-    --running_;
+    bool last;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        last = --running_ == 0;
+    }
+    if (last && onFinished_) onFinished_();
     // `keepAlive` goes last, when this function returns; it may destroy the owner.
 }
 

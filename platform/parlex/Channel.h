@@ -70,7 +70,9 @@ public:
     // (`error` is empty for a plain close).
     using OnEnd = std::function<void(const std::string& error)>;
 
-    Responder(int fd, Handle handle, OnEnd onEnd);
+    // `onFinished`, if given, runs on the last pool thread once it is done with the responder, so
+    // that an owner can join the threads without waiting for a thread that is still needed.
+    Responder(int fd, Handle handle, OnEnd onEnd, std::function<void()> onFinished = {});
     ~Responder();
 
     // Starts the first thread; `keepAlive` is held by every pool thread until it exits.
@@ -90,6 +92,7 @@ private:
     const int fd_;
     const Handle handle_;
     const OnEnd onEnd_;
+    const std::function<void()> onFinished_;
     std::mutex mutex_;  // guards: threads_, idle_, running_, ended_
     std::vector<std::thread> threads_;
     size_t idle_ = 0;

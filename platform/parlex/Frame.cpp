@@ -137,7 +137,9 @@ RecvStatus recvFrame(int fd, Frame& frame, std::string& error) {
             fds.emplace_back(received);
         }
     }
-    if (msg.msg_flags & MSG_CTRUNC) return malformed(error, "too many descriptors");
+    if ((msg.msg_flags & MSG_CTRUNC) || fds.size() > kMaxFds) {
+        return malformed(error, "too many descriptors");
+    }
     if (msg.msg_flags & MSG_TRUNC) return malformed(error, "frame larger than the inline limit");
     if (static_cast<size_t>(n) < sizeof(FrameHeader)) return malformed(error, "short frame");
 

@@ -277,7 +277,7 @@ ServerConnection::ServerConnection(AndroidServer& server, ServerState& state, Un
       requests_(std::move(requests)),
       responder_(
           requests_.get(), [this](Frame& frame) { handle(frame); },
-          [this](const std::string& error) { onEnd(error); }) {}
+          [this](const std::string& error) { onEnd(error); }, [this] { state_.wake(); }) {}
 
 void ServerConnection::create(Frame& frame) {
     std::string type(frame.payload.begin(), frame.payload.end());
@@ -316,7 +316,6 @@ void ServerConnection::onEnd(const std::string& error) {
         logLine("parlex: client sent a malformed frame (" + error + "); disconnecting");
     }
     close();
-    state_.wake();
 }
 
 namespace {
