@@ -8,23 +8,7 @@
 # The build dir can also come from $BUILD_DIR; every argument starting with '-' goes to CMake.
 set -euo pipefail
 
-PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev)
-
-install_missing_packages() {
-    local missing=() package
-    for package in "${PACKAGES[@]}"; do
-        dpkg -s "$package" 2>/dev/null | grep -q '^Status: install ok installed' ||
-            missing+=("$package")
-    done
-    [[ ${#missing[@]} -eq 0 ]] && return 0
-    if [[ $(id -u) -ne 0 ]]; then
-        echo "Missing packages. Install them as root with:" >&2
-        echo "  apt-get update && apt-get install -y --no-install-recommends ${missing[*]}" >&2
-        exit 1
-    fi
-    apt-get update
-    DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
-}
+source "$(dirname "$0")/deps.sh"
 
 cd "$(dirname "$0")/.."
 build_dir=${BUILD_DIR:-build}

@@ -200,22 +200,15 @@ private:
             markDead();
             return;
         }
-        AndroidParcel request = parcelFromFrame(frame);
-        AndroidParcel reply;
-        std::string objectId, method, error;
-        if (!readRequestHeader(request, objectId, method)) {
-            error = "parlex: malformed request";
-        } else {
-            std::shared_ptr<ProxyRoute> route;
-            {
-                std::lock_guard<std::mutex> lock(routesMutex_);
-                auto it = routes_.find(objectId);
-                if (it != routes_.end()) route = it->second;
-            }
-            error = route ? route->dispatch(method, request, reply)
-                          : "parlex: no object '" + objectId + "'";
-        }
-        sendAnswer(events_.get(), frame.txn, error, reply);
+        answerCall(events_.get(), frame, [this](const std::string& objectId) -> Dispatch {
+            std::lock_guard<std::mutex> lock(routesMutex_);
+            auto it = routes_.find(objectId);
+            if (it == routes_.end()) return {};
+            return [route = it->second](const std::string& method, const AndroidParcel& request,
+                                        AndroidParcel& reply) {
+                return route->dispatch(method, request, reply);
+            };
+        });
     }
 
     UniqueFd requests_;  // channel A: our requests, the service's answers

@@ -60,6 +60,21 @@ void sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidPar
     (void)rc;
 }
 
+void answerCall(int fd, Frame& frame,
+                const std::function<Dispatch(const std::string& objectId)>& resolve) {
+    AndroidParcel request = parcelFromFrame(frame);
+    AndroidParcel reply;
+    std::string objectId, method, error;
+    if (!readRequestHeader(request, objectId, method)) {
+        error = "parlex: malformed request";
+    } else if (Dispatch dispatch = resolve(objectId)) {
+        error = dispatch(method, request, reply);
+    } else {
+        error = "parlex: no object '" + objectId + "'";
+    }
+    sendAnswer(fd, frame.txn, error, reply);
+}
+
 namespace {
 AndroidParcel answerToParcel(Frame& frame) {
     if (frame.kind == FrameKind::Error) {

@@ -118,28 +118,18 @@ private:
     }
 
     void call(Frame& frame) {
-        AndroidParcel request = parcelFromFrame(frame);
-        AndroidParcel reply;
-        std::string objectId, method, error;
-        if (!readRequestHeader(request, objectId, method)) {
-            error = "parlex: malformed request";
-        } else {
-            std::shared_ptr<AndroidImpl> object;
-            {
-                std::lock_guard<std::mutex> lock(objectsMutex_);
-                auto it = objects_.find(objectId);
-                if (it != objects_.end()) object = it->second;
-            }
-            if (object) {
-                error = runHandler(
+        answerCall(requests_.get(), frame, [this](const std::string& objectId) -> Dispatch {
+            std::lock_guard<std::mutex> lock(objectsMutex_);
+            auto it = objects_.find(objectId);
+            if (it == objects_.end()) return {};
+            return [object = it->second](const std::string& method, const AndroidParcel& request,
+                                         AndroidParcel& reply) {
+                return runHandler(
                     method,
                     [&](AndroidParcel& out) { return object->dispatch(method, request, &out); },
                     reply);
-            } else {
-                error = "parlex: no object '" + objectId + "'";
-            }
-        }
-        sendAnswer(requests_.get(), frame.txn, error, reply);
+            };
+        });
     }
 
     void onEnd(const std::string& error);

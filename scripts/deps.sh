@@ -1,0 +1,20 @@
+# Sourced by the build, test and benchmark scripts: installs the Debian packages the project
+# builds with when they are missing (as root; otherwise prints the command and stops).
+
+PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev)
+
+install_missing_packages() {
+    local missing=() package
+    for package in "${PACKAGES[@]}"; do
+        dpkg -s "$package" 2>/dev/null | grep -q '^Status: install ok installed' ||
+            missing+=("$package")
+    done
+    [[ ${#missing[@]} -eq 0 ]] && return 0
+    if [[ $(id -u) -ne 0 ]]; then
+        echo "Missing packages. Install them as root with:" >&2
+        echo "  apt-get update && apt-get install -y --no-install-recommends ${missing[*]}" >&2
+        exit 1
+    fi
+    apt-get update
+    DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+}
