@@ -4,10 +4,10 @@
 #include <parlex/AndroidParcel.h>
 #include <unistd.h>
 
-#include <climits>
-#include <cstring>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 using parlex::AndroidBuffer;
@@ -26,37 +26,19 @@ AndroidParcel transfer(const AndroidParcel& from) {
 
 }  // namespace
 
-TEST(AndroidParcelCodec, EveryArgumentTypeComesBackAsWritten) {
-    AndroidParcel out;
-    out << true << -7 << 0xFFFFFFFFu << (1LL << 40) << 0.1f << std::string("a\0b", 3);
-    out << std::string() << static_cast<const char*>(nullptr) << ""
-        << "text";
-    out->writeInt32(7);  // any non-zero int is true
-    AndroidParcel in = transfer(out);
-    EXPECT_TRUE(in.as<bool>());
-    EXPECT_EQ(in.as<int>(), -7);
-    EXPECT_EQ(in.as<unsigned int>(), 0xFFFFFFFFu);
-    EXPECT_EQ(in.as<long long>(), 1LL << 40);
-    EXPECT_EQ(in.as<float>(), 0.1f);
-    EXPECT_EQ(in.as<std::string>(), std::string("a\0b", 3));
-    EXPECT_EQ(in.as<std::string>(), "");
-    EXPECT_EQ(in.as<const char*>(), nullptr);
-    EXPECT_STREQ(in.as<const char*>(), "");
-    EXPECT_STREQ(in.as<const char*>(), "text");
-    EXPECT_TRUE(in.as<bool>());
-    EXPECT_EQ(in->dataAvail(), 0u);
-}
-
-TEST(AndroidParcelCodec, ReadsPastTheEndKeepTheCallersValue) {
+// Round trips of every argument type, extremes included, are in transport_test across processes,
+// and the record layouts pin their encodings byte for byte.
+TEST(AndroidParcelCodec, AnyNonZeroIntReadsAsTrueAndReadsPastTheEndKeepTheTarget) {
     AndroidParcel parcel;
+    parcel->writeInt32(7);
+    parcel->setDataPosition(0);
+    bool flag = false;
     int number = 42;
     long long wide = 43;
     std::string text = "keep";
-    parcel >> number >> wide >> text;
-    EXPECT_EQ(number, 42);
-    EXPECT_EQ(wide, 43);
-    EXPECT_EQ(text, "keep");
-    EXPECT_EQ(parcel.as<float>(), 0.0f);
+    parcel >> flag >> number >> wide >> text;
+    EXPECT_EQ(std::make_tuple(flag, number, wide, text),
+              std::make_tuple(true, 42, 43LL, std::string("keep")));
 }
 
 TEST(AndroidParcelCString, PrefixThatDisagreesWithTheBytesYieldsNull) {
@@ -86,12 +68,11 @@ TEST(AndroidParcelCString, StringsReadBelongToTheWrapperAndSurviveItsMove) {
     {
         AndroidParcel in = transfer(out);
         first = in.as<const char*>();
-        second = in.as<const char*>();
+        second = in.as<const char*>();  // must not reuse the first string's memory
         AndroidParcel moved(std::move(in));
         assigned = std::move(moved);
-        EXPECT_EQ(moved.parcel(), nullptr);
     }
-    EXPECT_STREQ(first, "first");
+    EXPECT_STREQ(first, "first");  // read freed memory otherwise (sanitizer build)
     EXPECT_STREQ(second, "second");
 }
 
@@ -101,6 +82,8 @@ TEST(AndroidParcelOwnership, BorrowedParcelIsNotDeleted) {
     EXPECT_EQ(parcel.writeInt32(1), android::OK);
 }
 
+// Up to 16 KiB the bytes travel in the parcel, beyond that in shared memory passed as a
+// descriptor; either way what follows must line up and the buffer must own its bytes.
 TEST(AndroidBufferCodec, BufferReadOutlivesItsParcelAndMapping) {
     for (unsigned int size : {0u, 100u, 16384u, 16385u, 1024u * 1024u - 1u}) {
         SCOPED_TRACE(size);
@@ -109,9 +92,11 @@ TEST(AndroidBufferCodec, BufferReadOutlivesItsParcelAndMapping) {
         AndroidBuffer read;
         {
             AndroidParcel out;
-            out << AndroidBuffer(size, pattern.data(), false);
+            out << AndroidBuffer(size, pattern.data(), false) << 42;
+            EXPECT_EQ(out->fileDescriptors().size(), size > 16384 ? 1u : 0u);
             AndroidParcel in = transfer(out);
             in >> read;
+            EXPECT_EQ(in.as<int>(), 42);
         }
         ASSERT_EQ(read.size(), size);
         const auto* bytes = static_cast<const uint8_t*>(read.data());
@@ -119,13 +104,11 @@ TEST(AndroidBufferCodec, BufferReadOutlivesItsParcelAndMapping) {
     }
 }
 
-TEST(AndroidBufferCodec, BufferWithoutImplIsWrittenAsAnEmptyBlob) {
+TEST(AndroidBufferCodec, BufferWithoutBytesIsWrittenAsAnEmptyInPlaceBlob) {
     AndroidParcel parcel;
-    parcel << AndroidBuffer();
-    parcel->setDataPosition(0);
-    EXPECT_EQ(parcel->readInt32(), 0);
-    EXPECT_EQ(parcel->readInt32(), android::Parcel::kBlobInplace);
-    EXPECT_EQ(parcel->dataAvail(), 0u);
+    parcel << AndroidBuffer();  // size 0, then the in-place marker 0
+    EXPECT_EQ(std::vector<uint8_t>(parcel->data(), parcel->data() + parcel->dataSize()),
+              std::vector<uint8_t>(8, 0));
 }
 
 TEST(AndroidBufferCodec, BadSizesThrowAndLeaveTheTargetAlone) {
