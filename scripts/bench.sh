@@ -6,26 +6,16 @@
 #   scripts/bench.sh                  # build in ./build-bench and run
 #   scripts/bench.sh --pin=same       # extra arguments go to the benchmark binary
 #
-# The build dir can also come from $BUILD_DIR. The packages are those scripts/test.sh installs;
-# this script only checks for them.
+# The build dir can also come from $BUILD_DIR. Missing build packages are installed as by
+# scripts/test.sh.
 set -euo pipefail
 
-PACKAGES=(cmake ninja-build g++ libbenchmark-dev)
+source "$(dirname "$0")/deps.sh"
 
 cd "$(dirname "$0")/.."
 build_dir=${BUILD_DIR:-build-bench}
 
-missing=()
-for package in "${PACKAGES[@]}"; do
-    dpkg -s "$package" 2>/dev/null | grep -q '^Status: install ok installed' ||
-        missing+=("$package")
-done
-if [[ ${#missing[@]} -gt 0 ]]; then
-    echo "Missing packages: ${missing[*]}. Run scripts/test.sh as root, or install them with:" >&2
-    echo "  apt-get update && apt-get install -y --no-install-recommends ${missing[*]}" >&2
-    exit 1
-fi
-
+install_missing_packages
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DORV_WERROR=ON \
     -DORV_BUILD_TESTS=OFF -DORV_BUILD_BENCHMARKS=ON
 cmake --build "$build_dir" --target parlex_bench

@@ -22,6 +22,9 @@ public:
     CaptionData(const char* first, const char* second);
     CaptionData(const CaptionData& other);
     CaptionData& operator=(const CaptionData& other);
+    // Moving hands the texts over; the source is left with null texts.
+    CaptionData(CaptionData&& other) noexcept;
+    CaptionData& operator=(CaptionData&& other) noexcept;
     ~CaptionData();
 
     char* first = nullptr;
@@ -34,6 +37,9 @@ public:
     DescriptionPair(const char* first, const char* second);
     DescriptionPair(const DescriptionPair& other);
     DescriptionPair& operator=(const DescriptionPair& other);
+    // Moving hands the texts over; the source is left with null texts.
+    DescriptionPair(DescriptionPair&& other) noexcept;
+    DescriptionPair& operator=(DescriptionPair&& other) noexcept;
     ~DescriptionPair();
 
     char* first = nullptr;
@@ -57,6 +63,9 @@ public:
                      DescriptionMap firstMap, DescriptionMap secondMap, bool flag);
     MediaDescription(const MediaDescription& other);
     MediaDescription& operator=(const MediaDescription& other);
+    // Moving hands the texts over; the source is left with null texts.
+    MediaDescription(MediaDescription&& other) noexcept;
+    MediaDescription& operator=(MediaDescription&& other) noexcept;
     ~MediaDescription();
 
     char* firstText = nullptr;

@@ -23,6 +23,9 @@ public:
     MediaPlayerProtection(const char* protection, bool isProtected);
     MediaPlayerProtection(const MediaPlayerProtection& other);
     MediaPlayerProtection& operator=(const MediaPlayerProtection& other);
+    // Moving hands the texts over; the source is left with null texts.
+    MediaPlayerProtection(MediaPlayerProtection&& other) noexcept;
+    MediaPlayerProtection& operator=(MediaPlayerProtection&& other) noexcept;
     ~MediaPlayerProtection();
 
     char* protection = nullptr;
@@ -43,6 +46,9 @@ public:
                        const char* playlistType);
     MediaPlayerStateV2(const MediaPlayerStateV2& other);
     MediaPlayerStateV2& operator=(const MediaPlayerStateV2& other);
+    // Moving hands the texts over; the source is left with null texts.
+    MediaPlayerStateV2(MediaPlayerStateV2&& other) noexcept;
+    MediaPlayerStateV2& operator=(MediaPlayerStateV2&& other) noexcept;
     ~MediaPlayerStateV2();
 
     int32_t offsetMs = 0;

@@ -14,6 +14,9 @@ public:
     MetadataKeyValuePair(const char* key, const char* value);
     MetadataKeyValuePair(const MetadataKeyValuePair& other);
     MetadataKeyValuePair& operator=(const MetadataKeyValuePair& other);
+    // Moving hands the texts over; the source is left with null texts.
+    MetadataKeyValuePair(MetadataKeyValuePair&& other) noexcept;
+    MetadataKeyValuePair& operator=(MetadataKeyValuePair&& other) noexcept;
     ~MetadataKeyValuePair();
 
     char* key = nullptr;

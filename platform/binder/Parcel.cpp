@@ -59,6 +59,17 @@ status_t Parcel::setData(const uint8_t* bytes, size_t length, std::vector<int> f
     return OK;
 }
 
+status_t Parcel::adoptData(std::vector<uint8_t>&& bytes, std::vector<int> fds) {
+    status_t status = setData(nullptr, 0, std::move(fds));
+    if (status != OK) return status;
+    if (bytes.size() > INT32_MAX) {
+        freeData();
+        return BAD_VALUE;
+    }
+    data_ = std::move(bytes);
+    return OK;
+}
+
 void Parcel::freeData() {
     std::vector<uint8_t>().swap(data_);
     closeFileDescriptors();

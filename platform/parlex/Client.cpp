@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
@@ -32,11 +33,11 @@ public:
             target = target_;
             ++active_;
         }
-        ++insideOnThisThread()[this];
+        dispatchingOnThisThread().push_back(this);
         std::string error = runHandler(
             method, [&](AndroidParcel& out) { return target->dispatch(method, request, &out); },
             reply);
-        if (--insideOnThisThread()[this] == 0) insideOnThisThread().erase(this);
+        dispatchingOnThisThread().pop_back();
         std::lock_guard<std::mutex> lock(mutex_);
         --active_;
         idle_.notify_all();
@@ -44,24 +45,24 @@ public:
     }
 
     void detach() {
-        auto& inside = insideOnThisThread();
-        auto it = inside.find(this);
-        int mine = it == inside.end() ? 0 : it->second;
+        const auto& dispatching = dispatchingOnThisThread();
+        auto mine = std::count(dispatching.begin(), dispatching.end(), this);
         std::unique_lock<std::mutex> lock(mutex_);
         target_ = nullptr;
         idle_.wait(lock, [&] { return active_ <= mine; });
     }
 
 private:
-    static std::map<const ProxyRoute*, int>& insideOnThisThread() {
-        thread_local std::map<const ProxyRoute*, int> inside;
-        return inside;
+    // The routes whose handlers this thread is inside, innermost last.
+    static std::vector<const ProxyRoute*>& dispatchingOnThisThread() {
+        thread_local std::vector<const ProxyRoute*> dispatching;
+        return dispatching;
     }
 
     std::mutex mutex_;  // guards: target_, active_
     std::condition_variable idle_;
     const Proxy* target_;
-    int active_ = 0;
+    long active_ = 0;
 };
 
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {

@@ -15,7 +15,7 @@ AndroidParcel parcelFromFrame(Frame& frame) {
     for (UniqueFd& fd : frame.fds) fds.push_back(fd.release());
     frame.fds.clear();
     AndroidParcel parcel;
-    parcel->setData(frame.payload.data(), frame.payload.size(), std::move(fds));
+    parcel->adoptData(std::move(frame.payload), std::move(fds));
     return parcel;
 }
 

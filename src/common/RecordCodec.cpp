@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 
 namespace orv {
 
@@ -271,8 +272,9 @@ const AndroidParcel& operator>>(const AndroidParcel& parcel, MediaDescription& d
     DescriptionMap secondMap;
     parcel >> secondMap;
     const bool flag = readBool(parcel);
-    description = MediaDescription(firstText, interruptedBehavior, secondText, thirdText, caption,
-                                   firstMap, secondMap, flag);
+    description =
+        MediaDescription(firstText, interruptedBehavior, secondText, thirdText, std::move(caption),
+                         std::move(firstMap), std::move(secondMap), flag);
     return parcel;
 }
 
@@ -312,7 +314,7 @@ const AndroidParcel& operator>>(const AndroidParcel& parcel, MediaPlayerStateV2&
     MediaPlayerProtection protection;
     parcel >> protection;
     const char* playlistType = readText(parcel);
-    state = MediaPlayerStateV2(offsetMs, stateCode, protection, playlistType);
+    state = MediaPlayerStateV2(offsetMs, stateCode, std::move(protection), playlistType);
     return parcel;
 }
 

@@ -6,6 +6,7 @@
 #include <orv/Records.h>
 
 #include <cstring>
+#include <utility>
 
 namespace orv {
 
@@ -25,6 +26,13 @@ void assignString(char*& field, const char* text) {
     char* copy = copyString(text);
     delete[] field;
     field = copy;
+}
+
+// Frees `field` and hands it the text of `from`, which is left null.
+void takeString(char*& field, char*& from) {
+    char* text = std::exchange(from, nullptr);
+    delete[] field;
+    field = text;
 }
 
 // The four source versions share their text fields; only the numbers differ between them.
@@ -149,6 +157,15 @@ ZEMAudioSourceV4& ZEMAudioSourceV4::operator=(const ZEMAudioSourceV4& other) {
         }                                                                             \
         return *this;                                                                 \
     }                                                                                 \
+    Pair::Pair(Pair&& other) noexcept                                                 \
+        : a(std::exchange(other.a, nullptr)), b(std::exchange(other.b, nullptr)) {}   \
+    Pair& Pair::operator=(Pair&& other) noexcept {                                    \
+        if (this != &other) {                                                         \
+            takeString(a, other.a);                                                   \
+            takeString(b, other.b);                                                   \
+        }                                                                             \
+        return *this;                                                                 \
+    }                                                                                 \
     Pair::~Pair() {                                                                   \
         delete[] a;                                                                   \
         delete[] b;                                                                   \
@@ -169,9 +186,9 @@ MediaDescription::MediaDescription(const char* firstText, InterruptedBehavior in
       interruptedBehavior(interruptedBehavior),
       secondText(copyString(secondText)),
       thirdText(copyString(thirdText)),
-      caption(caption),
-      firstMap(firstMap),
-      secondMap(secondMap),
+      caption(std::move(caption)),
+      firstMap(std::move(firstMap)),
+      secondMap(std::move(secondMap)),
       flag(flag) {}
 
 MediaDescription::MediaDescription(const MediaDescription& other)
@@ -193,6 +210,30 @@ MediaDescription& MediaDescription::operator=(const MediaDescription& other) {
         caption = other.caption;
         firstMap = other.firstMap;
         secondMap = other.secondMap;
+        flag = other.flag;
+    }
+    return *this;
+}
+
+MediaDescription::MediaDescription(MediaDescription&& other) noexcept
+    : firstText(std::exchange(other.firstText, nullptr)),
+      interruptedBehavior(other.interruptedBehavior),
+      secondText(std::exchange(other.secondText, nullptr)),
+      thirdText(std::exchange(other.thirdText, nullptr)),
+      caption(std::move(other.caption)),
+      firstMap(std::move(other.firstMap)),
+      secondMap(std::move(other.secondMap)),
+      flag(other.flag) {}
+
+MediaDescription& MediaDescription::operator=(MediaDescription&& other) noexcept {
+    if (this != &other) {
+        takeString(firstText, other.firstText);
+        interruptedBehavior = other.interruptedBehavior;
+        takeString(secondText, other.secondText);
+        takeString(thirdText, other.thirdText);
+        caption = std::move(other.caption);
+        firstMap = std::move(other.firstMap);
+        secondMap = std::move(other.secondMap);
         flag = other.flag;
     }
     return *this;
@@ -222,6 +263,17 @@ MediaPlayerProtection& MediaPlayerProtection::operator=(const MediaPlayerProtect
     return *this;
 }
 
+MediaPlayerProtection::MediaPlayerProtection(MediaPlayerProtection&& other) noexcept
+    : protection(std::exchange(other.protection, nullptr)), isProtected(other.isProtected) {}
+
+MediaPlayerProtection& MediaPlayerProtection::operator=(MediaPlayerProtection&& other) noexcept {
+    if (this != &other) {
+        takeString(protection, other.protection);
+        isProtected = other.isProtected;
+    }
+    return *this;
+}
+
 MediaPlayerProtection::~MediaPlayerProtection() { delete[] protection; }
 
 MediaPlayerStateV2::MediaPlayerStateV2() = default;
@@ -230,7 +282,7 @@ MediaPlayerStateV2::MediaPlayerStateV2(int offsetMs, int stateCode,
                                        MediaPlayerProtection protection, const char* playlistType)
     : offsetMs(offsetMs),
       stateCode(stateCode),
-      protection(protection),
+      protection(std::move(protection)),
       playlistType(copyString(playlistType)) {}
 
 MediaPlayerStateV2::MediaPlayerStateV2(const MediaPlayerStateV2& other)
@@ -245,6 +297,22 @@ MediaPlayerStateV2& MediaPlayerStateV2::operator=(const MediaPlayerStateV2& othe
         stateCode = other.stateCode;
         protection = other.protection;
         assignString(playlistType, other.playlistType);
+    }
+    return *this;
+}
+
+MediaPlayerStateV2::MediaPlayerStateV2(MediaPlayerStateV2&& other) noexcept
+    : offsetMs(other.offsetMs),
+      stateCode(other.stateCode),
+      protection(std::move(other.protection)),
+      playlistType(std::exchange(other.playlistType, nullptr)) {}
+
+MediaPlayerStateV2& MediaPlayerStateV2::operator=(MediaPlayerStateV2&& other) noexcept {
+    if (this != &other) {
+        offsetMs = other.offsetMs;
+        stateCode = other.stateCode;
+        protection = std::move(other.protection);
+        takeString(playlistType, other.playlistType);
     }
     return *this;
 }

@@ -92,10 +92,10 @@ void unpack_impl(const Parcel& parcel, Tuple& values, std::index_sequence<I...>)
 
 template <typename F, typename Tuple, size_t... I>
 typename func_traits<F>::result call_impl(F& f, Tuple& values, std::index_sequence<I...>) {
-    return f(std::get<I>(values)...);
+    return f(std::move(std::get<I>(values))...);
 }
 
-// Calls `f` with the elements of `values`.
+// Calls `f` with the elements of `values`, which are moved into parameters taken by value.
 template <typename F, typename Tuple>
 typename func_traits<F>::result call(F& f, Tuple& values) {
     return call_impl(f, values, std::make_index_sequence<std::tuple_size<Tuple>::value>{});

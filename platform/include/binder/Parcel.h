@@ -47,6 +47,8 @@ public:
     // Replaces the contents with a copy of `bytes` and the descriptors in `fds` (which the
     // parcel takes over and will close); the read position goes back to 0.
     status_t setData(const uint8_t* bytes, size_t length, std::vector<int> fds = {});
+    // As setData, taking over `bytes` instead of copying them.
+    status_t adoptData(std::vector<uint8_t>&& bytes, std::vector<int> fds = {});
     // The descriptors the parcel carries, in the order their indices refer to. Still owned by
     // the parcel.
     const std::vector<int>& fileDescriptors() const { return fds_; }
