@@ -1,83 +1,124 @@
-// What the cross-process tests need around the peer program: a private runtime directory, a
-// child process whose stdout is read line by line (the peer announces readiness and events that
-// way, so a test never sleeps and hopes), and counters of this process's descriptors and threads
-// for the leak checks.
+// What the cross-process tests need around the peer program: a child process whose stdout is
+// read line by line (the peer announces readiness and events that way, so a test never sleeps
+// and hopes), and this process's descriptors and threads for the leak checks.
 #pragma once
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "../../platform/parlex/UniqueFd.h"
 
 namespace parlex::test {
 
 // How long a test waits for something that should happen promptly before it calls it a bug.
 constexpr std::chrono::milliseconds kTimeout = std::chrono::seconds(10);
 
-// A fresh directory under $TMPDIR (or /tmp), removed together with its contents.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
+// Polls `condition` until it holds; false when it still does not after kTimeout.
+inline bool waitUntil(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kTimeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
 
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-// A child started with posix_spawn. Its stdin and stdout are pipes to us; stderr is shared so
-// its diagnostics land in the test log. The environment is ours at the time of the spawn.
+// A child whose stdin and stdout are pipes to us; stderr is shared so that its diagnostics
+// land in the test log. The peer takes the end of its stdin as the request to shut down cleanly.
 class Process {
 public:
-    // argv[0] is the program's path. Throws std::runtime_error when the spawn fails.
-    explicit Process(const std::vector<std::string>& argv);
-    // Kills the child if it still runs and reaps it.
-    ~Process();
+    explicit Process(std::vector<std::string> argv) {
+        // Close-on-exec, so that a child started later does not hold these pipes open; dup2 in
+        // the child clears the flag on its own copies.
+        int in[2];
+        int out[2];
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe2 failed");
+        }
+        std::vector<char*> args;
+        for (std::string& arg : argv) args.push_back(arg.data());
+        args.push_back(nullptr);
+        pid_ = ::fork();
+        if (pid_ == 0) {  // only async-signal-safe calls until exec: other threads may run
+            ::dup2(in[0], STDIN_FILENO);
+            ::dup2(out[1], STDOUT_FILENO);
+            ::execv(args[0], args.data());
+            ::_exit(127);
+        }
+        ::close(in[0]);
+        ::close(out[1]);
+        stdin_.reset(in[1]);
+        stdout_.reset(out[0]);
+    }
+    ~Process() { kill(); }
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    pid_t pid() const { return pid_; }
+    // The next line of stdout; nullopt on end of file or when no whole line arrives in time.
+    std::optional<std::string> readLine() {
+        const auto deadline = std::chrono::steady_clock::now() + kTimeout;
+        std::string line;
+        for (char c;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd poller{stdout_.get(), POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&poller, 1, static_cast<int>(left.count())) != 1 ||
+                ::read(stdout_.get(), &c, 1) != 1) {
+                return std::nullopt;
+            }
+            if (c == '\n') return line;
+            line += c;
+        }
+    }
 
-    // The next line of stdout without its newline; nullopt on end of file or when no whole
-    // line arrives within `timeout`.
-    std::optional<std::string> readLine(std::chrono::milliseconds timeout = kTimeout);
-    // Consumes lines until one equals `line`; false on end of file or time-out.
-    bool waitForLine(const std::string& line, std::chrono::milliseconds timeout = kTimeout);
-
-    // The peer programs take the end of their stdin as the request to shut down cleanly.
-    void closeStdin();
-    void kill(int signal);
-    // Reaps the child and returns its wait status; nullopt when it is still running after
-    // `timeout`. Once reaped, returns the same status again.
-    std::optional<int> wait(std::chrono::milliseconds timeout = kTimeout);
-    bool reaped() const { return status_.has_value(); }
-    // Whether kill() was called: the test ended the child on purpose.
-    bool signalled() const { return signalled_; }
+    bool running() const { return pid_ > 0; }
+    // Ends the child with SIGKILL and reaps it.
+    void kill() {
+        if (!running()) return;
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+    // Closes stdin and returns the wait status of the child's exit; -1 when it still runs
+    // after kTimeout.
+    int finish() {
+        stdin_.reset();
+        int status = -1;
+        if (!waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
+        pid_ = -1;
+        return status;
+    }
 
 private:
     pid_t pid_ = -1;
-    int stdin_ = -1;
-    int stdout_ = -1;
-    std::string pending_;  // bytes read past the last complete line
-    std::optional<int> status_;
-    bool signalled_ = false;
+    transport::UniqueFd stdin_;
+    transport::UniqueFd stdout_;
 };
 
-// The path of the peer program built next to the tests.
-std::string peerPath();
-
 // Entries of /proc/self/fd and /proc/self/task: descriptors and threads of this process.
-std::vector<int> openFds();
-size_t threadCount();
-
-// Polls `condition` until it holds; false when it still does not after `timeout`.
-bool waitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds timeout = kTimeout);
+inline std::vector<int> openFds() {
+    std::vector<int> fds;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        fds.push_back(std::stoi(entry.path().filename().string()));
+    }
+    return fds;
+}
+inline size_t threadCount() {
+    std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+}
 
 }  // namespace parlex::test
