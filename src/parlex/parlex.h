@@ -166,17 +166,30 @@ public:
     // handler whose result goes into the reply, 0 for one without result.
     template <typename F, int R = detail::hasResult<F>()>
     void bind(const std::string& name, F f) {
-        handlers_[name] = detail::makeHandler<Parcel, R, true>(std::move(f));
+        Handler<Parcel> handler = detail::makeHandler<Parcel, R, true>(std::move(f));
+        std::lock_guard<std::mutex> lock(handlersMutex_);
+        handlers_[name] = std::move(handler);
     }
 
-    // Called by the transport; false when nothing is bound under `name`.
+    // Called by the transport; false when nothing is bound under `name`. The proxy is reachable
+    // from the transport as soon as its base is built, while the derived class may still be
+    // binding its handlers, so the lookup is guarded and the handler runs on a copy.
     bool dispatch(const std::string& name, const Parcel& request, Parcel* reply) const {
-        return detail::dispatchTo(handlers_, name, request, reply);
+        Handler<Parcel> handler;
+        {
+            std::lock_guard<std::mutex> lock(handlersMutex_);
+            auto it = handlers_.find(name);
+            if (it == handlers_.end()) return false;
+            handler = it->second;
+        }
+        handler(request, reply);
+        return true;
     }
 
 private:
     Client* client_;
     std::string objectId_;
+    mutable std::mutex handlersMutex_;  // guards: handlers_
     HandlerTable<Parcel> handlers_;
 };
 
@@ -201,7 +214,8 @@ public:
         return transmit(name, args...).get();
     }
 
-    // As ProxyBase::bind. The transport always hands these handlers a reply parcel.
+    // As ProxyBase::bind. The transport always hands these handlers a reply parcel. An object
+    // becomes reachable only once its factory has returned it, so its table needs no guard.
     template <typename F, int R = detail::hasResult<F>()>
     void bind(const std::string& name, F f) {
         handlers_[name] = detail::makeHandler<Parcel, R, false>(std::move(f));
