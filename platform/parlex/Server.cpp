@@ -30,8 +30,13 @@ public:
     }
 
     std::future<AndroidParcel> send(const AndroidParcel& parcel) {
-        if (closed_) return deadFuture();
-        return sendCall(shared_from_this(), *caller_, parcel);
+        Caller* caller;
+        {
+            std::lock_guard<std::mutex> lock(callerMutex_);
+            caller = caller_.get();
+        }
+        if (closed_ || caller == nullptr) return deadFuture();
+        return sendCall(shared_from_this(), *caller, parcel);
     }
 
     // Disconnects the client: pending and later sends fail with dead_object and every object
