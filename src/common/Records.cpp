@@ -6,6 +6,7 @@
 #include <orv/Records.h>
 
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 namespace orv {
@@ -43,6 +44,33 @@ void assignSourceStrings(Source& to, const Source& from) {
     assignString(to.playbackContextHeadersJSON, from.playbackContextHeadersJSON);
 }
 
+// Copies every field of a source into another of the same version: the fields all versions
+// share, then those each later version adds.
+template <typename Source>
+Source& assignSource(Source& to, const Source& from) {
+    if (&to == &from) return to;
+    to.type = from.type;
+    to.format = from.format;
+    to.param1 = from.param1;
+    to.param2 = from.param2;
+    if constexpr (!std::is_same_v<Source, ZEMAudioSource>) to.param3 = from.param3;
+    to.param4 = from.param4;
+    to.param5 = from.param5;
+    if constexpr (std::is_same_v<Source, ZEMAudioSourceV3> ||
+                  std::is_same_v<Source, ZEMAudioSourceV4>) {
+        to.param7 = from.param7;
+        to.param8 = from.param8;
+        to.param9 = from.param9;
+        to.param10 = from.param10;
+        to.param11 = from.param11;
+        to.param12 = from.param12;
+        to.param13 = from.param13;
+    }
+    if constexpr (std::is_same_v<Source, ZEMAudioSourceV4>) to.volumeGain = from.volumeGain;
+    assignSourceStrings(to, from);
+    return to;
+}
+
 template <typename Source>
 void freeSourceStrings(Source& source) {
     delete[] source.url;
@@ -54,16 +82,16 @@ void freeSourceStrings(Source& source) {
 
 // ---- sources
 
-// The four versions differ only in their numeric fields, so everything but assignment is the
-// same text for each of them.
-#define ORV_DEFINE_SOURCE_MEMBERS(Source)                                          \
-    Source::Source() = default;                                                    \
-    Source::Source(const Source& other) { *this = other; }                         \
-    Source::~Source() { freeSourceStrings(*this); }                                \
-    void Source::setUrl(const char* text) { assignString(url, text); }             \
-    void Source::setClusterId(const char* text) { assignString(clusterId, text); } \
-    void Source::setPlaybackContextHeadersJSON(const char* text) {                 \
-        assignString(playbackContextHeadersJSON, text);                            \
+// The four versions differ only in their numeric fields, which assignSource tells apart.
+#define ORV_DEFINE_SOURCE_MEMBERS(Source)                                                 \
+    Source::Source() = default;                                                           \
+    Source::Source(const Source& other) { *this = other; }                                \
+    Source& Source::operator=(const Source& other) { return assignSource(*this, other); } \
+    Source::~Source() { freeSourceStrings(*this); }                                       \
+    void Source::setUrl(const char* text) { assignString(url, text); }                    \
+    void Source::setClusterId(const char* text) { assignString(clusterId, text); }        \
+    void Source::setPlaybackContextHeadersJSON(const char* text) {                        \
+        assignString(playbackContextHeadersJSON, text);                                   \
     }
 
 ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSource)
@@ -71,76 +99,6 @@ ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSourceV2)
 ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSourceV3)
 ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSourceV4)
 #undef ORV_DEFINE_SOURCE_MEMBERS
-
-ZEMAudioSource& ZEMAudioSource::operator=(const ZEMAudioSource& other) {
-    if (this != &other) {
-        type = other.type;
-        format = other.format;
-        param1 = other.param1;
-        param2 = other.param2;
-        param4 = other.param4;
-        param5 = other.param5;
-        assignSourceStrings(*this, other);
-    }
-    return *this;
-}
-
-ZEMAudioSourceV2& ZEMAudioSourceV2::operator=(const ZEMAudioSourceV2& other) {
-    if (this != &other) {
-        type = other.type;
-        format = other.format;
-        param1 = other.param1;
-        param2 = other.param2;
-        param3 = other.param3;
-        param4 = other.param4;
-        param5 = other.param5;
-        assignSourceStrings(*this, other);
-    }
-    return *this;
-}
-
-ZEMAudioSourceV3& ZEMAudioSourceV3::operator=(const ZEMAudioSourceV3& other) {
-    if (this != &other) {
-        type = other.type;
-        format = other.format;
-        param1 = other.param1;
-        param2 = other.param2;
-        param3 = other.param3;
-        param4 = other.param4;
-        param5 = other.param5;
-        param7 = other.param7;
-        param8 = other.param8;
-        param9 = other.param9;
-        param10 = other.param10;
-        param11 = other.param11;
-        param12 = other.param12;
-        param13 = other.param13;
-        assignSourceStrings(*this, other);
-    }
-    return *this;
-}
-
-ZEMAudioSourceV4& ZEMAudioSourceV4::operator=(const ZEMAudioSourceV4& other) {
-    if (this != &other) {
-        type = other.type;
-        format = other.format;
-        param1 = other.param1;
-        param2 = other.param2;
-        param3 = other.param3;
-        param4 = other.param4;
-        param5 = other.param5;
-        param7 = other.param7;
-        param8 = other.param8;
-        param9 = other.param9;
-        param10 = other.param10;
-        param11 = other.param11;
-        param12 = other.param12;
-        param13 = other.param13;
-        volumeGain = other.volumeGain;
-        assignSourceStrings(*this, other);
-    }
-    return *this;
-}
 
 // ---- media description
 
