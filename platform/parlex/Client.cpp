@@ -110,10 +110,8 @@ public:
 
     std::future<AndroidParcel> send(const AndroidParcel& parcel) {
         if (stopped_) {
-            std::promise<AndroidParcel> failed;
-            failed.set_exception(
+            return failedFuture(
                 std::make_exception_ptr(std::runtime_error("parlex: client stopped")));
-            return failed.get_future();
         }
         return sendCall(shared_from_this(), caller_, parcel);
     }

@@ -97,10 +97,14 @@ std::future<AndroidParcel> sendCall(std::shared_ptr<void> keepAlive, Caller& cal
                               return answerToParcel(answer);
                           });
     } catch (...) {
-        std::promise<AndroidParcel> failed;
-        failed.set_exception(std::current_exception());
-        return failed.get_future();
+        return failedFuture(std::current_exception());
     }
+}
+
+std::future<AndroidParcel> failedFuture(std::exception_ptr error) {
+    std::promise<AndroidParcel> failed;
+    failed.set_exception(std::move(error));
+    return failed.get_future();
 }
 
 std::string runtimeDir() {

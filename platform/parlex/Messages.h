@@ -41,6 +41,9 @@ void answerCall(int fd, Frame& frame,
 std::future<AndroidParcel> sendCall(std::shared_ptr<void> keepAlive, Caller& caller,
                                     const AndroidParcel& parcel);
 
+// A future that holds `error` instead of a reply.
+std::future<AndroidParcel> failedFuture(std::exception_ptr error);
+
 // Resolves a runtime directory and socket path for a service name (see binder.h).
 std::string runtimeDir();
 std::string socketPath(const std::string& serviceName);

@@ -62,9 +62,7 @@ public:
 
 private:
     static std::future<AndroidParcel> deadFuture() {
-        std::promise<AndroidParcel> failed;
-        failed.set_exception(std::make_exception_ptr(dead_object()));
-        return failed.get_future();
+        return failedFuture(std::make_exception_ptr(dead_object()));
     }
 
     // The first frame of a connection must be the greeting that brings the event channel.
@@ -372,9 +370,7 @@ AndroidImpl::~AndroidImpl() = default;
 
 std::future<AndroidParcel> AndroidImpl::send(std::unique_ptr<AndroidParcel> parcel) {
     if (auto connection = connection_.lock()) return connection->send(*parcel);
-    std::promise<AndroidParcel> failed;
-    failed.set_exception(std::make_exception_ptr(dead_object()));
-    return failed.get_future();
+    return transport::failedFuture(std::make_exception_ptr(dead_object()));
 }
 
 AndroidServer::AndroidServer() = default;
