@@ -11,6 +11,7 @@
 #include <cstring>
 #include <map>
 #include <thread>
+#include <type_traits>
 
 #include "Channel.h"
 #include "Messages.h"
@@ -364,6 +365,10 @@ bool serverAlive(const std::string& path) {
 }  // namespace parlex::transport
 
 namespace parlex {
+
+// Classes deriving from these rely on their having no virtual table.
+static_assert(!std::is_polymorphic_v<AndroidServer>, "AndroidServer must stay non-virtual");
+static_assert(!std::is_polymorphic_v<AndroidImpl>, "AndroidImpl must stay non-virtual");
 
 AndroidImpl::AndroidImpl() = default;
 AndroidImpl::~AndroidImpl() = default;
