@@ -134,7 +134,7 @@ orv::MediaDescription makeDescription() {
     second.count = 2;
     second.pairs[0] = orv::DescriptionPair("contentType", "music");
     second.pairs[1] = orv::DescriptionPair("explicit", "false");
-    return orv::MediaDescription("A Long Walk Home", orv::kInterruptedDuck, "The Examples",
+    return orv::MediaDescription("A Long Walk Home", orv::InterruptedBehavior(2), "The Examples",
                                  "https://img.example.com/art/512.jpg",
                                  orv::CaptionData("en", "captions.vtt"), first, second, true);
 }

@@ -1,4 +1,4 @@
-// The line format shared by both loggers, and the sink handling of IAudioTrackRPC::log.
+// The line format shared by both loggers, and the sink handling of the track objects' logger.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/IAudioTrackRPC.h"
+#include "common/TrackLogger.h"
 #include "support/RecordingLogSink.h"
 
 namespace orv {
@@ -26,7 +26,7 @@ template <typename... Args>
 std::vector<LogEntry> logged(LogLevel level, const char* function, const char* format,
                              Args... args) {
     auto sink = std::make_shared<RecordingLogSink>();
-    IAudioTrackRPC(sink, kTag).log(level, function, format, args...);
+    TrackLogger(sink, kTag).log(level, function, format, args...);
     return sink->entries();
 }
 
@@ -83,7 +83,7 @@ TEST(LoggingTest, FormatErrorIsReportedAtErrorLevelWhateverLevelWasAsked) {
 TEST(LoggingTest, ReleasedSinkIsNeitherKeptAliveNorUsedAfterwards) {
     auto sink = std::make_shared<RecordingLogSink>();
     const std::weak_ptr<LoggingDelegate> observer = sink;
-    IAudioTrackRPC rpc(sink, kTag);
+    TrackLogger rpc(sink, kTag);
     std::atomic<bool> started{false};
     std::thread logger([&] {
         for (int i = 0; i < 20000; ++i) {
@@ -96,7 +96,7 @@ TEST(LoggingTest, ReleasedSinkIsNeitherKeptAliveNorUsedAfterwards) {
     logger.join();
     EXPECT_TRUE(observer.expired());
     rpc.log(LOG_ERROR, "play", "after release");
-    IAudioTrackRPC(nullptr, kTag).log(LOG_ERROR, "play", "no sink");
+    TrackLogger(nullptr, kTag).log(LOG_ERROR, "play", "no sink");
 }
 
 TEST(LoggingTest, ExceptionFromSinkReachesCaller) {
@@ -106,7 +106,7 @@ TEST(LoggingTest, ExceptionFromSinkReachesCaller) {
         }
     };
     auto sink = std::make_shared<ThrowingSink>();
-    IAudioTrackRPC rpc(sink, kTag);
+    TrackLogger rpc(sink, kTag);
     EXPECT_THROW(rpc.log(LOG_TRACE, "play", " "), std::runtime_error);
 }
 

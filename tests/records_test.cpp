@@ -45,7 +45,7 @@ MediaDescription filled<MediaDescription>() {
     DescriptionMap map;
     map.count = DescriptionMap::kCapacity;
     for (auto& pair : map.pairs) pair = DescriptionPair("text", "text");
-    return MediaDescription("text", kInterruptedStop, "text", "text", CaptionData("text", "text"),
+    return MediaDescription("text", InterruptedBehavior(1), "text", "text", CaptionData("text", "text"),
                             map, map, true);
 }
 template <>

@@ -8,13 +8,10 @@
 
 namespace orv {
 
-// How the player behaves when its playback is interrupted. The values come from the host's
-// player and pass through unchanged: the fixed 32-bit type keeps any value it sends valid.
-enum InterruptedBehavior : int32_t {
-    kInterruptedPause = 0,
-    kInterruptedStop = 1,
-    kInterruptedDuck = 2,
-};
+// How the player behaves when its playback is interrupted. The values are the host player's
+// own and pass through unchanged, so the library names none of them: the fixed 32-bit type
+// holds whatever value the player and the application agree on.
+enum InterruptedBehavior : int32_t {};
 
 class ORV_EXPORT CaptionData {
 public:
@@ -69,7 +66,7 @@ public:
     ~MediaDescription();
 
     char* firstText = nullptr;
-    InterruptedBehavior interruptedBehavior = kInterruptedPause;
+    InterruptedBehavior interruptedBehavior = InterruptedBehavior(0);
     char* secondText = nullptr;
     char* thirdText = nullptr;
     CaptionData caption;

@@ -8,14 +8,10 @@
 
 namespace orv {
 
-// The kind of a playback error. The values come from the host's player and pass through
-// unchanged: the fixed 32-bit type keeps any value it sends valid.
-enum ErrorType : int32_t {
-    kErrorUnknown = 0,
-    kErrorNetwork = 1,
-    kErrorDecode = 2,
-    kErrorContent = 3,
-};
+// The kind of a playback error. The values are the host player's own and pass through
+// unchanged, so the library names none of them: the fixed 32-bit type holds any value the
+// player sends.
+enum ErrorType : int32_t {};
 
 class ORV_EXPORT MediaPlayerProtection {
 public:

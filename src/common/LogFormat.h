@@ -1,4 +1,4 @@
-// The line formatting shared by the library's two loggers (IAudioTrackRPC::log on both halves
+// The line formatting shared by the library's two loggers (TrackLogger on both halves
 // and the audio server's own logger), so that every line has the same shape: the function
 // name, a colon, then the printf-formatted text, with no blank in between.
 #pragma once
