@@ -108,6 +108,25 @@ private:
     transport::UniqueFd stdout_;
 };
 
+// A runtime directory of its own for the life of a test, so that its services cannot meet those
+// of another test run on the same machine. Children started meanwhile inherit it.
+class PrivateRuntimeDir {
+public:
+    PrivateRuntimeDir() {
+        if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+        ::setenv("PARLEX_RUNTIME_DIR", path_.c_str(), 1);
+        ::unsetenv("PARLEX_SOCKET_MODE");
+    }
+    ~PrivateRuntimeDir() { std::filesystem::remove_all(path_); }
+    PrivateRuntimeDir(const PrivateRuntimeDir&) = delete;
+    PrivateRuntimeDir& operator=(const PrivateRuntimeDir&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_ = std::filesystem::temp_directory_path() / "parlex-test-XXXXXX";
+};
+
 // Entries of /proc/self/fd and /proc/self/task: descriptors and threads of this process.
 inline std::vector<int> openFds() {
     std::vector<int> fds;
