@@ -83,7 +83,8 @@ FileInput::FileInput(SNDFILE* file, const StreamFormat& format, int64_t frames,
 
 FileInput::~FileInput() { sf_close(file_); }
 
-std::unique_ptr<FileInput> FileInput::open(const std::string& path, std::string& error) {
+std::unique_ptr<FileInput> FileInput::open(const std::string& path, std::string& error,
+                                           bool integerSamples) {
     SF_INFO info{};
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     if (file == nullptr) {
@@ -95,14 +96,15 @@ std::unique_ptr<FileInput> FileInput::open(const std::string& path, std::string&
         error = path + ": no audio channels";
         return nullptr;
     }
-    // Float sources read as integers are scaled to the full integer range, not truncated.
     sf_command(file, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
     SF_FORMAT_INFO major{};
     major.format = info.format & SF_FORMAT_TYPEMASK;
     sf_command(nullptr, SFC_GET_FORMAT_INFO, &major, sizeof major);
     const int64_t frames = info.frames == SF_COUNT_MAX ? -1 : info.frames;
-    return std::unique_ptr<FileInput>(new FileInput(file, decodedFormat(info), frames,
-                                                    major.extension ? major.extension : "audio"));
+    StreamFormat format = decodedFormat(info);
+    if (integerSamples && format.type == SampleType::F32) format.type = SampleType::S32;
+    return std::unique_ptr<FileInput>(
+        new FileInput(file, format, frames, major.extension ? major.extension : "audio"));
 }
 
 std::map<std::string, std::string> FileInput::tags() const {

@@ -21,14 +21,17 @@ std::optional<std::string> pathFromUrl(const std::string& url, std::string& erro
 
 class FileInput {
 public:
-    // Null with `error` set when the file is missing, unreadable or not audio.
-    static std::unique_ptr<FileInput> open(const std::string& path, std::string& error);
+    // Null with `error` set when the file is missing, unreadable or not audio. With
+    // `integerSamples`, float sources come out as 32-bit integers too.
+    static std::unique_ptr<FileInput> open(const std::string& path, std::string& error,
+                                           bool integerSamples = false);
     ~FileInput();
     FileInput(const FileInput&) = delete;
     FileInput& operator=(const FileInput&) = delete;
 
     // Samples come out as 16-bit for sources of up to 16 bits, 32-bit for 24- and 32-bit
     // integer sources and float for everything else, so that integer audio stays bit-exact.
+    // Integer reads of a float source are scaled to the full integer range.
     const StreamFormat& format() const { return format_; }
     int64_t frames() const { return frames_; }
     const std::string& formatName() const { return formatName_; }
