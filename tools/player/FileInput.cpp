@@ -88,12 +88,12 @@ std::unique_ptr<FileInput> FileInput::open(const std::string& path, std::string&
     SF_INFO info{};
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     if (file == nullptr) {
-        error = path + ": " + sf_strerror(nullptr);
+        error = sf_strerror(nullptr);
         return nullptr;
     }
     if (info.channels <= 0 || info.samplerate <= 0) {
         sf_close(file);
-        error = path + ": no audio channels";
+        error = "no audio channels";
         return nullptr;
     }
     sf_command(file, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);

@@ -21,7 +21,7 @@ std::optional<std::string> pathFromUrl(const std::string& url, std::string& erro
 
 class FileInput {
 public:
-    // Null with `error` set when the file is missing, unreadable or not audio. With
+    // Null with `error` set to the reason when the file is missing, unreadable or not audio. With
     // `integerSamples`, float sources come out as 32-bit integers too.
     static std::unique_ptr<FileInput> open(const std::string& path, std::string& error,
                                            bool integerSamples = false);

@@ -102,8 +102,10 @@ Source::Source(long long id, const orv::SourceConfig& config, const SourceSettin
             if (endFrame_ >= 0)
                 tags_["duration-ms"] = std::to_string(toMs(endFrame_, format_.rate));
         } else {
+            // The client hears the URL back; the service's log never shows it.
             openError_ =
                 "cannot play " + std::string(config.url ? config.url : "(no URL)") + ": " + error;
+            openErrorLog_ = "cannot play the URL: " + error;
         }
         description_ = "file " + formatName_ + " " + format_.describe();
     }
@@ -138,7 +140,7 @@ int Source::play() {
     }
     if (state_ != kStateIdle) return state_ == kStatePlaying ? 0 : -1;
     if (!openError_.empty()) {
-        fail(openErrorType_, openError_);
+        fail(openErrorType_, openError_, openErrorLog_);
         return -1;
     }
     state_ = kStatePlaying;
@@ -304,9 +306,10 @@ void Source::end(PlayerState state) {
     wake_.notify_all();
 }
 
-void Source::fail(PlayerError type, const std::string& text) {
+void Source::fail(PlayerError type, const std::string& text, const std::string& logText) {
     if (settings_.log) {
-        (*settings_.log)(orv::LOG_ERROR, "play", "source %lld: %s", id_, text.c_str());
+        (*settings_.log)(orv::LOG_ERROR, "play", "source %lld: %s", id_,
+                         (logText.empty() ? text : logText).c_str());
     }
     state_ = kStateFailed;
     ++generation_;
@@ -463,11 +466,11 @@ void Source::writePending(std::unique_lock<std::mutex>& lock) {
     pending_.erase(pending_.begin(), pending_.begin() + static_cast<long>(bytes));
     if (!written) return fail(kErrorOutput, error);
     const auto now = Clock::now();
-    clock_.wrote(static_cast<int64_t>(frames), now);
     if (!started_) {
         started_ = true;
         outbox_.push_back({Event::Started, positionMs(now), stateCode()});
     }
+    clock_.wrote(static_cast<int64_t>(frames), now);
 }
 
 void Source::emit(const Event& event) {

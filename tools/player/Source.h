@@ -109,7 +109,7 @@ private:
     void pull(std::unique_lock<std::mutex>& lock);
     void received(const uint8_t* data, size_t size);
     void resumeLocked();
-    void fail(PlayerError type, const std::string& text);
+    void fail(PlayerError type, const std::string& text, const std::string& logText = "");
     void end(PlayerState state);
     void emit(const Event& event);
     int32_t positionMs(PlayoutClock::Time now) const;
@@ -121,7 +121,8 @@ private:
     const SourceSettings settings_;
     StreamFormat format_;
     std::string description_;
-    std::string openError_;  // why the source cannot play; reported when it is played
+    std::string openError_;     // why the source cannot play; reported when it is played
+    std::string openErrorLog_;  // the same for the log, without the URL
     PlayerError openErrorType_ = kErrorOpen;
     std::map<std::string, std::string> tags_;
     std::string formatName_;

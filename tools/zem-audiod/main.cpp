@@ -39,8 +39,11 @@ int main(int argc, char** argv) {
     bool fast = false;
     int verbosity = 0;
     app.add_option("--sink", sinkText, "where audio goes: none, wav:PATH or alsa:DEVICE")
+        ->type_name("SINK")
         ->capture_default_str();
-    app.add_flag("--fast", fast, "pull PCM sources as fast as clients supply, not in real time");
+    app.add_flag("--fast", fast,
+                 "pull PCM sources as fast as clients supply, not in real time (files always "
+                 "play in real time)");
     app.add_flag("-v,--verbose", verbosity,
                  "log more: -v lifecycle, -vv every call and event, -vvv the data path");
     app.footer(kExamples);
@@ -68,7 +71,8 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    auto log = std::make_shared<zem::StderrLogSink>("zem-audiod", 5 - std::min(verbosity, 4));
+    const int minLevel = verbosity == 0 ? orv::LOG_ERROR : std::max(1, 4 - verbosity);
+    auto log = std::make_shared<zem::StderrLogSink>("zem-audiod", minLevel);
     zem::HostPlayer::Options options;
     options.sink = *sink;
     options.fast = fast;

@@ -7,7 +7,10 @@ namespace zem {
 
 std::unique_ptr<PcmFeed> PcmFeed::open(const std::string& path, std::string& error) {
     std::unique_ptr<FileInput> input = FileInput::open(path, error, true);
-    if (!input) return nullptr;
+    if (!input) {
+        error = path + ": " + error;
+        return nullptr;
+    }
     if (input->format().channels > 2) {
         error = path + ": " + std::to_string(input->format().channels) +
                 " channels; PCM sources are mono or stereo (try --url)";

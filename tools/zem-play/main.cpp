@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -199,8 +198,9 @@ int play(const Options& options) {
 
     auto listener = std::make_shared<zem::Listener>(feed.get());
     SignalWatcher signals([listener] { listener->push({zem::PlayEvent::Interrupted, 0, "", ""}); });
-    auto logger =
-        std::make_shared<zem::StderrLogSink>("zem-play", 6 - std::min(options.verbosity, 5));
+    const int verbosity = options.verbosity;
+    const int minLevel = verbosity == 0 ? 6 : verbosity == 1 ? 5 : std::max(1, 5 - verbosity);
+    auto logger = std::make_shared<zem::StderrLogSink>("zem-play", minLevel);
     std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
     if (!track->init(std::shared_ptr<orv::EventListenerV3>(listener), logger)) {
         std::fprintf(stderr,
@@ -360,17 +360,24 @@ int play(const Options& options) {
 int main(int argc, char** argv) {
     CLI::App app{"zem-play: plays an audio file through the audio service"};
     Options options;
-    app.add_option("file", options.file, "the audio file (WAV, FLAC, Ogg, ...)")->required();
+    app.add_option("file", options.file, "the audio file (WAV, FLAC, Ogg, ...)")
+        ->required()
+        ->type_name("FILE");
     app.add_flag("--url", options.url,
                  "send the file as a URL for the service to open, instead of as PCM");
-    app.add_option("--volume", options.volume, "volume from 0 to 1")->check(CLI::Range(0.0, 1.0));
+    app.add_option("--volume", options.volume, "volume from 0 to 1")
+        ->check(CLI::Range(0.0, 1.0))
+        ->type_name("GAIN");
     app.add_option("--seek", options.seekMs, "start at this position, in ms")
-        ->check(CLI::Range(0, INT_MAX));
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("MS");
     app.add_option("--pause-after", options.pauseAfterMs,
                    "pause once the position reaches this many ms")
-        ->check(CLI::Range(0, INT_MAX));
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("MS");
     app.add_option("--pause-for", options.pauseForMs, "how long to stay paused, in ms")
-        ->check(CLI::Range(0, INT_MAX))
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("MS")
         ->capture_default_str();
     app.add_flag("-v,--verbose", options.verbosity,
                  "show the library's log: -v errors, -vv lifecycle, -vvv calls, -vvvv data");
