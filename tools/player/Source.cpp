@@ -71,7 +71,6 @@ struct Source::Event {
 
 Source::Source(long long id, const orv::SourceConfig& config, const SourceSettings& settings)
     : id_(id), pcm_(config.type == orv::kSourceTypePcm), settings_(settings), clock_(1, 0, true) {
-    int64_t startFrame = 0;
     if (pcm_) {
         format_.type = config.sampleFormat == 2 ? SampleType::S32 : SampleType::S16;
         format_.bits = config.sampleFormat == 2 ? 32 : 16;
@@ -113,7 +112,7 @@ Source::Source(long long id, const orv::SourceConfig& config, const SourceSettin
     const bool realTime = !(pcm_ && settings_.fast);
     clock_ = PlayoutClock(format_.rate, settings_.periodFrames * settings_.leadPeriods, realTime);
     if (config.startOffset > 0 && format_.rate > 0) {
-        startFrame = int64_t{config.startOffset} * format_.rate / 1000;
+        int64_t startFrame = int64_t{config.startOffset} * format_.rate / 1000;
         if (endFrame_ >= 0) startFrame = std::min(startFrame, endFrame_);
         clock_.seek(startFrame, Clock::now());
         seekFrame_ = startFrame;
@@ -363,7 +362,9 @@ void Source::step(std::unique_lock<std::mutex>& lock) {
     if (seenGeneration_ != generation_) {
         seenGeneration_ = generation_;
         pending_.clear();
-        if (input_ && seekFrame_ >= 0) input_->seek(seekFrame_);
+    }
+    if (seekFrame_ >= 0) {
+        if (input_) input_->seek(seekFrame_);
         seekFrame_ = -1;
     }
     if (!sink_) {

@@ -35,8 +35,10 @@ int PcmFeed::fill(uint8_t* buffer, int size) {
     if (!totals_.first) totals_.first = std::chrono::steady_clock::now();
     const size_t frameBytes = input_->format().bytesPerFrame();
     size_t done = std::min(frame_.size(), static_cast<size_t>(size));
-    std::memcpy(buffer, frame_.data(), done);
-    frame_.erase(frame_.begin(), frame_.begin() + static_cast<long>(done));
+    if (done > 0) {
+        std::memcpy(buffer, frame_.data(), done);
+        frame_.erase(frame_.begin(), frame_.begin() + static_cast<long>(done));
+    }
     std::string error;
     const size_t whole = (static_cast<size_t>(size) - done) / frameBytes;
     const long got = whole == 0 ? 0 : input_->read(buffer + done, whole, error);

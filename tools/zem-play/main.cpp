@@ -204,8 +204,8 @@ int play(const Options& options) {
     std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
     if (!track->init(std::shared_ptr<orv::EventListenerV3>(listener), logger)) {
         std::fprintf(stderr,
-                     "zem-play: the audio service is not running. Start it with `zem-audiod &` "
-                     "(with the same PARLEX_RUNTIME_DIR) and try again.\n");
+                     "zem-play: cannot reach the audio service. Is it running? Start it with "
+                     "`zem-audiod &` (with the same PARLEX_RUNTIME_DIR) and try again.\n");
         return kNoService;
     }
 
