@@ -64,10 +64,18 @@ long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*c
     return id;
 }
 
-std::shared_ptr<Source> HostPlayer::find(long long sourceId) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const auto it = sources_.find(sourceId);
-    return it == sources_.end() ? nullptr : it->second;
+// `call` on the source with this id, without holding the table's lock; `fallback` for an id
+// that names no open source.
+template <typename Result, typename Call>
+Result HostPlayer::withSource(long long sourceId, Result fallback, Call call) {
+    std::shared_ptr<Source> source;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto it = sources_.find(sourceId);
+        if (it == sources_.end()) return fallback;
+        source = it->second;
+    }
+    return call(*source);
 }
 
 // Joins the released sources whose threads have ended, without waiting for the others.
@@ -87,52 +95,45 @@ void HostPlayer::reapEnded() {
 }
 
 int HostPlayer::play(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->play() : -1;
+    return withSource(sourceId, -1, [&](Source& source) { return source.play(); });
 }
 
 int HostPlayer::stop(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->stop() : -1;
+    return withSource(sourceId, -1, [&](Source& source) { return source.stop(); });
 }
 
 int HostPlayer::pause(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->pause() : -1;
+    return withSource(sourceId, -1, [&](Source& source) { return source.pause(); });
 }
 
 int HostPlayer::resume(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->resume() : -1;
+    return withSource(sourceId, -1, [&](Source& source) { return source.resume(); });
 }
 
 // No source of this player is encrypted.
 int HostPlayer::newDecryptKey(long long, const char*) { return -1; }
 
 int HostPlayer::getOffset(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->offsetMs() : -1;
+    return withSource(sourceId, -1, [&](Source& source) { return source.offsetMs(); });
 }
 
 orv::MediaPlayerState HostPlayer::getMediaPlayerState(long long sourceId) {
+    const orv::MediaPlayerStateV2 state = getMediaPlayerStateV2(sourceId);
     orv::MediaPlayerState result;
-    if (const auto source = find(sourceId)) {
-        const orv::MediaPlayerStateV2 state = source->state();
-        result.offsetMs = state.offsetMs;
-        result.stateCode = state.stateCode;
-        result.protection = state.protection;
-    }
+    result.offsetMs = state.offsetMs;
+    result.stateCode = state.stateCode;
+    result.protection = state.protection;
     return result;
 }
 
 orv::MediaPlayerStateV2 HostPlayer::getMediaPlayerStateV2(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->state() : orv::MediaPlayerStateV2();
+    return withSource(sourceId, orv::MediaPlayerStateV2(),
+                      [&](Source& source) { return source.state(); });
 }
 
 orv::PlaybackAttributes HostPlayer::getPlaybackAttributes(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->attributes() : orv::PlaybackAttributes();
+    return withSource(sourceId, orv::PlaybackAttributes(),
+                      [&](Source& source) { return source.attributes(); });
 }
 
 orv::PlaybackReports HostPlayer::getPlaybackReports(long long sourceId) {
@@ -143,18 +144,18 @@ orv::PlaybackReports HostPlayer::getPlaybackReports(long long sourceId) {
 }
 
 orv::PlaybackReportArray HostPlayer::getPlaybackReportArray(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->reports() : orv::PlaybackReportArray();
+    return withSource(sourceId, orv::PlaybackReportArray(),
+                      [&](Source& source) { return source.reports(); });
 }
 
 orv::Fingerprint HostPlayer::getFingerprint(long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->fingerprint() : orv::Fingerprint();
+    return withSource(sourceId, orv::Fingerprint(),
+                      [&](Source& source) { return source.fingerprint(); });
 }
 
 int HostPlayer::seekTo(long long sourceId, int offsetInMs, bool fromStart) {
-    const auto source = find(sourceId);
-    return source ? source->seekTo(offsetInMs, fromStart) : -1;
+    return withSource(sourceId, -1,
+                      [&](Source& source) { return source.seekTo(offsetInMs, fromStart); });
 }
 
 int HostPlayer::releaseSource(long long sourceId) {
@@ -174,15 +175,14 @@ int HostPlayer::releaseSource(long long sourceId) {
 }
 
 int HostPlayer::setVolume(float volume, long long sourceId) {
-    const auto source = find(sourceId);
-    return source ? source->setVolume(volume) : -1;
+    return withSource(sourceId, -1, [&](Source& source) { return source.setVolume(volume); });
 }
 
 int HostPlayer::setFocusSessionId(unsigned int focusSessionId, long long sourceId) {
-    const auto source = find(sourceId);
-    if (!source) return -1;
-    source->setFocusSessionId(focusSessionId);
-    return 0;
+    return withSource(sourceId, -1, [&](Source& source) {
+        source.setFocusSessionId(focusSessionId);
+        return 0;
+    });
 }
 
 }  // namespace zem

@@ -59,7 +59,8 @@ public:
     orv::MediaPlayerStateV2 getMediaPlayerStateV2(long long sourceId) override;
 
 private:
-    std::shared_ptr<Source> find(long long sourceId);
+    template <typename Result, typename Call>
+    Result withSource(long long sourceId, Result fallback, Call call);
     void reapEnded();
 
     Options options_;

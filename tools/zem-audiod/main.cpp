@@ -6,12 +6,12 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
+#include "CommandLine.h"
 #include "HostPlayer.h"
 #include "Log.h"
 
@@ -47,14 +47,7 @@ int main(int argc, char** argv) {
     app.add_flag("-v,--verbose", verbosity,
                  "log more: -v lifecycle, -vv every call and event, -vvv the data path");
     app.footer(kExamples);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::ParseError& error) {
-        app.exit(error);
-        return 2;
-    }
+    if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv)) return *status;
     std::string error;
     const std::optional<zem::SinkSpec> sink = zem::SinkSpec::parse(sinkText, error);
     if (!sink) {

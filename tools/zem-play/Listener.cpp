@@ -44,17 +44,21 @@ void Listener::onServerDeath() {
     push({PlayEvent::Death, 0, "the audio service went away during playback", ""});
 }
 
-void Listener::onFirstByteRead(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Note, "first byte read", state);
-}
-
-void Listener::onPlaybackStarted(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Started, "playback started", state);
-}
-
-void Listener::onPlaybackFinished(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Finished, "playback finished", state);
-}
+// The events that only report what happened, and where.
+#define POSITION_EVENT(name, kind, what)                                   \
+    void Listener::name(long long, const orv::MediaPlayerStateV2& state) { \
+        at(PlayEvent::kind, what, state);                                  \
+    }
+POSITION_EVENT(onFirstByteRead, Note, "first byte read")
+POSITION_EVENT(onPlaybackStarted, Started, "playback started")
+POSITION_EVENT(onPlaybackFinished, Finished, "playback finished")
+POSITION_EVENT(onPlaybackPaused, Paused, "paused")
+POSITION_EVENT(onPlaybackResumed, Resumed, "resumed")
+POSITION_EVENT(onPlaybackStopped, Stopped, "stopped")
+POSITION_EVENT(onBufferUnderrun, Underrun, "buffer underrun")
+POSITION_EVENT(onBufferRefilled, Refilled, "buffer refilled")
+POSITION_EVENT(onBufferingComplete, Note, "buffering complete")
+#undef POSITION_EVENT
 
 void Listener::onPlaybackError(long long, orv::ErrorType type, const char* error,
                                const orv::MediaPlayerStateV2& state) {
@@ -62,30 +66,6 @@ void Listener::onPlaybackError(long long, orv::ErrorType type, const char* error
           "playback error " + std::to_string(type) + " at " + std::to_string(state.offsetMs) +
               " ms: " + (error ? error : "(no text)"),
           ""});
-}
-
-void Listener::onPlaybackPaused(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Paused, "paused", state);
-}
-
-void Listener::onPlaybackResumed(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Resumed, "resumed", state);
-}
-
-void Listener::onPlaybackStopped(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Stopped, "stopped", state);
-}
-
-void Listener::onBufferUnderrun(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Underrun, "buffer underrun", state);
-}
-
-void Listener::onBufferRefilled(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Refilled, "buffer refilled", state);
-}
-
-void Listener::onBufferingComplete(long long, const orv::MediaPlayerStateV2& state) {
-    at(PlayEvent::Note, "buffering complete", state);
 }
 
 void Listener::onStreamMetadataExtracted(long long, const orv::MediaPlayerStateV2&,

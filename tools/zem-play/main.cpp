@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +13,7 @@
 #include <memory>
 #include <thread>
 
+#include "CommandLine.h"
 #include "FileInput.h"
 #include "Listener.h"
 #include "Log.h"
@@ -28,7 +28,7 @@ using Clock = std::chrono::steady_clock;
 enum ExitCode {
     kFinished = 0,
     kPlaybackFailed = 1,
-    kUsage = 2,
+    kUsage = zem::kUsageStatus,
     kNoService = 3,
     kInterrupted = 130,
 };
@@ -382,14 +382,7 @@ int main(int argc, char** argv) {
     app.add_flag("-v,--verbose", options.verbosity,
                  "show the library's log: -v errors, -vv lifecycle, -vvv calls, -vvvv data");
     app.footer(kExamples);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::ParseError& error) {
-        app.exit(error);
-        return kUsage;
-    }
+    if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv)) return *status;
 
     // Blocked before any thread starts; one thread takes them and tells the main loop.
     sigset_t signals;

@@ -4,13 +4,14 @@
 // equality sample for sample.
 #include <sndfile.h>
 
-#include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "CommandLine.h"
 
 namespace {
 
@@ -120,14 +121,7 @@ int main(int argc, char** argv) {
     CLI::App* cmp = app.add_subcommand("compare", "exit 0 when both files hold the same samples");
     cmp->add_option("expected", expected)->required();
     cmp->add_option("actual", actual)->required();
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::ParseError& error) {
-        app.exit(error);
-        return 2;
-    }
+    if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv)) return *status;
     if (*gen) return generate(path, seconds, rate, title, artist);
     return compare(expected, actual);
 }
