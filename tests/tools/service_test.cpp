@@ -1,6 +1,6 @@
 // The programs across processes: the service outlives a client killed mid-playback and keeps
-// serving bit-exact audio; a second service, and a client without one, fail with their
-// documented exit status; SIGTERM stops the service cleanly.
+// serving bit-exact audio at the stream's pace; a second service, and a client without one, fail
+// with their documented exit status; SIGTERM stops the service cleanly.
 #include <gtest/gtest.h>
 
 #include "support/Process.h"
@@ -34,7 +34,9 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
         }
         ASSERT_TRUE(line) << "the client never started playing";
     }  // killed here, mid-playback
+    const auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(run({ZEM_PLAY_PATH, shortInput}), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));  // paced
     EXPECT_EQ(run({ZEM_WAVTOOL_PATH, "compare", shortInput, dir.path() + "/out-2.wav"}), 0);
     EXPECT_EQ(run({ZEM_AUDIOD_PATH}), 1);
     ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
