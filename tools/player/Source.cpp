@@ -430,8 +430,12 @@ void Source::pull(std::unique_lock<std::mutex>& lock) {
         // Before the first audio there is nothing to run dry: that is still the start.
         if (started_ && clock_.dry(now) && !underrun_) {
             underrun_ = true;
+            drySince_ = now;
             ++underruns_;
             outbox_.push_back({Event::UnderrunStarted, positionMs(now), kStateBuffering});
+        } else if (underrun_ && endFrame_ < 0 && now - drySince_ >= settings_.endAfterDry) {
+            // A stream of no declared length that stays dry has ended.
+            endFrame_ = clock_.written();
         }
     } else {
         received(pullBuffer_.data(), std::min(static_cast<size_t>(got), wanted));

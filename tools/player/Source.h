@@ -52,8 +52,9 @@ enum PlayerError : int32_t {
     kErrorOutput = 4,  // the sink could not be opened or written
 };
 
-// The media description key by which a PCM client declares its stream's length in frames; a
-// stream without it plays until it is stopped.
+// The media description key by which a PCM client declares its stream's length in frames. A
+// stream without it ends when its client has supplied nothing for `endAfterDry` after all its
+// audio was heard (until then that is an underrun), or when it is stopped.
 inline constexpr char kTotalFramesKey[] = "total-frames";
 
 struct SourceSettings {
@@ -64,6 +65,8 @@ struct SourceSettings {
     int64_t periodFrames = 1024;
     int64_t leadPeriods = 4;
     std::chrono::milliseconds retryInterval{5};  // between pulls while the client has nothing
+    // How long a PCM stream of no declared length may stay dry before it counts as ended.
+    std::chrono::milliseconds endAfterDry{1000};
 };
 
 class Source {
@@ -146,6 +149,7 @@ private:
     bool firstByte_ = false;
     bool started_ = false;
     bool underrun_ = false;
+    PlayoutClock::Time drySince_{};  // when the underrun began
     bool bufferingComplete_ = false;
     PlayoutClock::Time retryAt_{};
     std::deque<Event> outbox_;
