@@ -516,84 +516,84 @@ void ZEMServerTrack::releaseAndSetSource(const SourceConfig& config, const char*
     }
 }
 
-int ZEMServerTrack::play() {
-    log(LOG_TRACE, "play", "sourceId=%lld", sourceId());
-    return handler->play(sourceId());
+// The log line and the player's operation share the operation's name.
+template <typename Result>
+Result ZEMServerTrack::forward(LogLevel level, const char* function,
+                               Result (OrvServerHandlerInterface::*operation)(long long)) {
+    const long long id = sourceId();
+    log(level, function, "sourceId=%lld", id);
+    return (*handler.*operation)(id);
 }
 
-int ZEMServerTrack::stop() {
-    log(LOG_TRACE, "stop", "sourceId=%lld", sourceId());
-    return handler->stop(sourceId());
-}
+int ZEMServerTrack::play() { return forward(LOG_TRACE, "play", &OrvServerHandlerInterface::play); }
+
+int ZEMServerTrack::stop() { return forward(LOG_TRACE, "stop", &OrvServerHandlerInterface::stop); }
 
 int ZEMServerTrack::pause() {
-    log(LOG_TRACE, "pause", "sourceId=%lld", sourceId());
-    return handler->pause(sourceId());
+    return forward(LOG_TRACE, "pause", &OrvServerHandlerInterface::pause);
 }
 
 int ZEMServerTrack::resume() {
-    log(LOG_TRACE, "resume", "sourceId=%lld", sourceId());
-    return handler->resume(sourceId());
+    return forward(LOG_TRACE, "resume", &OrvServerHandlerInterface::resume);
 }
 
 int ZEMServerTrack::seekTo(int offsetInMs, bool fromStart) {
-    log(LOG_LIFECYCLE, "seekTo", "sourceId=%lld, offsetInMs=%d, fromStart=%d", sourceId(),
-        offsetInMs, fromStart ? 1 : 0);
-    return handler->seekTo(sourceId(), offsetInMs, fromStart);
+    const long long id = sourceId();
+    log(LOG_LIFECYCLE, "seekTo", "sourceId=%lld, offsetInMs=%d, fromStart=%d", id, offsetInMs,
+        fromStart ? 1 : 0);
+    return handler->seekTo(id, offsetInMs, fromStart);
 }
 
 int ZEMServerTrack::getOffset() {
-    log(LOG_DATA, "getOffset", "sourceId=%lld", sourceId());
-    return handler->getOffset(sourceId());
+    return forward(LOG_DATA, "getOffset", &OrvServerHandlerInterface::getOffset);
 }
 
 MediaPlayerState ZEMServerTrack::getMediaPlayerState() {
-    log(LOG_TRACE, "getMediaPlayerState", "sourceId=%lld", sourceId());
-    return handler->getMediaPlayerState(sourceId());
+    return forward(LOG_TRACE, "getMediaPlayerState",
+                   &OrvServerHandlerInterface::getMediaPlayerState);
 }
 
 MediaPlayerStateV2 ZEMServerTrack::getMediaPlayerStateV2() {
-    log(LOG_TRACE, "getMediaPlayerStateV2", "sourceId=%lld", sourceId());
-    return handler->getMediaPlayerStateV2(sourceId());
+    return forward(LOG_TRACE, "getMediaPlayerStateV2",
+                   &OrvServerHandlerInterface::getMediaPlayerStateV2);
 }
 
 PlaybackAttributes ZEMServerTrack::getPlaybackAttributes() {
-    log(LOG_TRACE, "getPlaybackAttributes", "sourceId=%lld", sourceId());
-    return handler->getPlaybackAttributes(sourceId());
+    return forward(LOG_TRACE, "getPlaybackAttributes",
+                   &OrvServerHandlerInterface::getPlaybackAttributes);
 }
 
 PlaybackReports ZEMServerTrack::getPlaybackReports() {
-    log(LOG_TRACE, "getPlaybackReports", "sourceId=%lld", sourceId());
-    return handler->getPlaybackReports(sourceId());
+    return forward(LOG_TRACE, "getPlaybackReports", &OrvServerHandlerInterface::getPlaybackReports);
 }
 
 PlaybackReportArray ZEMServerTrack::getPlaybackReportArray() {
-    log(LOG_TRACE, "getPlaybackReportArray", "sourceId=%lld", sourceId());
-    return handler->getPlaybackReportArray(sourceId());
+    return forward(LOG_TRACE, "getPlaybackReportArray",
+                   &OrvServerHandlerInterface::getPlaybackReportArray);
 }
 
 Fingerprint ZEMServerTrack::getFingerprint() {
-    log(LOG_TRACE, "getFingerprint", "sourceId=%lld", sourceId());
-    return handler->getFingerprint(sourceId());
+    return forward(LOG_TRACE, "getFingerprint", &OrvServerHandlerInterface::getFingerprint);
 }
 
 int ZEMServerTrack::setVolume(float newVolume) {
-    log(LOG_TRACE, "setVolume", "sourceId=%lld,volume=%f", sourceId(),
-        static_cast<double>(newVolume));
+    const long long id = sourceId();
+    log(LOG_TRACE, "setVolume", "sourceId=%lld,volume=%f", id, static_cast<double>(newVolume));
     volume = newVolume;
-    return handler->setVolume(newVolume, sourceId());
+    return handler->setVolume(newVolume, id);
 }
 
 int ZEMServerTrack::setFocusSessionId(unsigned int newFocusSessionId) {
-    log(LOG_TRACE, "setFocusSessionId", "sourceId=%lld,focusSessionId=%u", sourceId(),
-        newFocusSessionId);
+    const long long id = sourceId();
+    log(LOG_TRACE, "setFocusSessionId", "sourceId=%lld,focusSessionId=%u", id, newFocusSessionId);
     focusSessionId = newFocusSessionId;
-    return handler->setFocusSessionId(newFocusSessionId, sourceId());
+    return handler->setFocusSessionId(newFocusSessionId, id);
 }
 
 int ZEMServerTrack::newDecryptKey(const std::string& key) {
-    log(LOG_DEPRECATED, "newDecryptKey", "sourceId=%lld", sourceId());
-    return handler->newDecryptKey(sourceId(), key.c_str());
+    const long long id = sourceId();
+    log(LOG_DEPRECATED, "newDecryptKey", "sourceId=%lld", id);
+    return handler->newDecryptKey(id, key.c_str());
 }
 
 void ZEMServerTrack::destroy() {

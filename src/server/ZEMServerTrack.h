@@ -71,6 +71,10 @@ private:
                               const MediaDescription& description, int param3, bool param7,
                               float volumeGain);
     void releaseAndSetSource(const SourceConfig& config, const char* clusterId);
+    // Logs `function` with the current source id, then calls `operation` with that id.
+    template <typename Result>
+    Result forward(LogLevel level, const char* function,
+                   Result (OrvServerHandlerInterface::*operation)(long long));
     bool releaseSourceId(const SourceConfig& config);
 
     static bool isSampleSizeSupported(unsigned int bits);
