@@ -102,11 +102,15 @@ public:
     static std::shared_ptr<ClientConnection> connect(const std::string& serviceName) {
         std::string path = socketPath(serviceName);
         UniqueFd requests(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        if (!requests.valid()) {
+            throw std::runtime_error("parlex: cannot connect to service '" + serviceName +
+                                     "': " + std::strerror(errno));
+        }
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        if (!requests.valid() || ::connect(requests.get(), reinterpret_cast<sockaddr*>(&address),
-                                           sizeof(address)) != 0) {
+        const auto* raw = reinterpret_cast<const sockaddr*>(&address);
+        if (::connect(requests.get(), raw, sizeof(address)) != 0) {
             throw std::runtime_error("parlex: service '" + serviceName +
                                      "' is not running (nothing listens at " + path + ")");
         }

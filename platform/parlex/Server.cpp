@@ -90,6 +90,10 @@ private:
         std::string error;
         RecvStatus status = recvFrame(requests_.get(), hello, error);
         if (status == RecvStatus::Closed) return false;
+        if (status == RecvStatus::Unreadable) {
+            logLine("parlex: out of descriptors for a client's greeting; disconnecting");
+            return false;
+        }
         struct stat st;
         if (status == RecvStatus::Malformed || hello.kind != FrameKind::Hello ||
             hello.fds.size() != 1 || ::fstat(hello.fds[0].get(), &st) != 0 ||
@@ -228,8 +232,9 @@ private:
                 const int error = errno;
                 if (error == EINTR) continue;
                 // Only a broken process gets here; keep trying rather than stop accepting.
-                if (!pollFailed)
+                if (!pollFailed) {
                     logLine("parlex: poll failed: " + std::string(std::strerror(error)));
+                }
                 pollFailed = true;
                 std::this_thread::sleep_for(std::chrono::milliseconds(kRestMs));
                 continue;
@@ -258,25 +263,28 @@ private:
         }
         outOfDescriptors_ = false;
         std::shared_ptr<ServerConnection> connection;
+        size_t open;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_) return true;
             // Connections already closed only wait for the reaper: they do not count.
-            const auto open = std::count_if(connections_.begin(), connections_.end(),
-                                            [](const auto& c) { return !c->closed(); });
-            if (static_cast<size_t>(open) >= kMaxConnectionsPerServer) {
-                // Closing the socket is the refusal: the client's greeting gets no answer.
-                if (!full_) {
-                    logLine("parlex: " + std::to_string(open) +
-                            " clients connected, the most a server serves; refusing more");
-                }
-                full_ = true;
-                return true;
+            open = static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(),
+                                                     [](const auto& c) { return !c->closed(); }));
+            if (open < kMaxConnectionsPerServer) {
+                connection = std::make_shared<ServerConnection>(server_, *this, std::move(client));
+                connections_.push_back(connection);
             }
-            full_ = false;
-            connection = std::make_shared<ServerConnection>(server_, *this, std::move(client));
-            connections_.push_back(connection);
         }
+        if (!connection) {
+            // Closing the socket is the refusal: the client's greeting gets no answer.
+            if (!full_) {
+                logLine("parlex: " + std::to_string(open) +
+                        " clients connected, the most a server serves; refusing more");
+            }
+            full_ = true;
+            return true;
+        }
+        full_ = false;
         connection->start();
         return true;
     }
@@ -304,11 +312,12 @@ private:
     const dev_t socketDev_;
     const ino_t socketIno_;
     std::atomic<uint64_t> nextObjectId_{1};
-    std::mutex mutex_;  // guards: connections_, stopping_, full_
+    std::mutex mutex_;  // guards: connections_, stopping_
     std::vector<std::shared_ptr<ServerConnection>> connections_;
     bool stopping_ = false;
-    bool full_ = false;              // the last client was refused for the connection cap
-    bool outOfDescriptors_ = false;  // accept thread only
+    // Accept thread only: the last client was refused for the cap, or had to wait.
+    bool full_ = false;
+    bool outOfDescriptors_ = false;
     std::thread acceptThread_;
 };
 
