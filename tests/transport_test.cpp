@@ -17,6 +17,7 @@
 #include <atomic>
 #include <climits>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -119,10 +120,7 @@ public:
              [this](int bytes) { return callback("getBuffer", bytes).as<AndroidBuffer>(); });
         bind("startTicking", [this] {
             worker_ = std::thread([this] {
-                try {
-                    for (;;) event("tick", 0);
-                } catch (const std::exception&) {
-                }
+                while (errorOf([this] { event("tick", 0); }).empty()) continue;
             });
         });
     }
@@ -258,30 +256,6 @@ TEST_F(TransportTest, RuntimeDirIsPrivateAndTheSocketTakesTheConfiguredMode) {
     }
 }
 
-TEST_F(EchoTest, ProxyOfATypeTheServiceCannotMakeThrowsAndTheConnectionSurvives) {
-    // No factory, a factory that makes nothing, a factory that throws.
-    for (const char* type : {"NoSuchType", "Null", "Throwing"}) {
-        SCOPED_TRACE(type);
-        EXPECT_THROW(AndroidProxy proxy(&client_, type), std::runtime_error);
-    }
-    EXPECT_EQ(echo_.call("echoInt", 1).as<int>(), 1);
-}
-
-TEST_F(TransportTest, DestroyingAProxyOrItsClientReleasesTheObjectOnTheServer) {
-    CountedServer server(kService);
-    auto client = std::make_unique<AndroidClient>(kService);
-    AndroidProxy outliving(client.get(), "Counted");
-    {
-        AndroidProxy dropped(client.get(), "Counted");
-        EXPECT_EQ(server.alive(), 2);
-    }
-    // The transport thread that created the object may still hold it for a moment.
-    EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; }));
-    // The remaining proxy outlives its client, and must still be destroyed safely later.
-    client.reset();
-    EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; }));
-}
-
 // ---- Arguments ----
 
 // The codecs are tested in-process; here the parcel bytes must cross unchanged, inline and out
@@ -309,8 +283,9 @@ TEST_F(EchoTest, ArgumentsCrossInOrderWithTheirBytesEitherSideOfTheInlineLimit) 
 
 // A buffer travels in place up to 16 KiB and as a shared-memory descriptor above. The server
 // asks the client for audio while the client waits for the reply to its own request, and the
-// client's handler may itself call the server meanwhile.
-TEST_F(EchoTest, BuffersRoundTripBothWaysAndCallbacksRunWhileTheClientWaits) {
+// client's handler may itself call the server meanwhile. Events arrive in order, and only at the
+// proxy of their object.
+TEST_F(EchoTest, BuffersCallbacksAndEventsReachTheClientWhileItWaitsAndInOrder) {
     std::atomic<int> asked{-1};
     echo_.bind("getBuffer", [&](int bytes) {
         asked = echo_.call("echoInt", bytes).as<int>();
@@ -325,9 +300,6 @@ TEST_F(EchoTest, BuffersRoundTripBothWaysAndCallbacksRunWhileTheClientWaits) {
                   expected);
         EXPECT_EQ(asked, static_cast<int>(size));
     }
-}
-
-TEST_F(EchoTest, EventsArriveInOrderAndOnlyAtTheProxyOfTheirObject) {
     AndroidProxy other(&client_, "Echo");
     std::mutex mutex;
     std::vector<int> ticks;
@@ -337,7 +309,6 @@ TEST_F(EchoTest, EventsArriveInOrderAndOnlyAtTheProxyOfTheirObject) {
         ticks.push_back(i);
     });
     other.bind("tick", [&](int) { ++strays; });
-
     // Each event waits for the client's answer, so all have been handled once the call returns.
     EXPECT_EQ(echo_.call("ticks", 5).as<int>(), 5);
     std::lock_guard<std::mutex> lock(mutex);
@@ -348,6 +319,10 @@ TEST_F(EchoTest, EventsArriveInOrderAndOnlyAtTheProxyOfTheirObject) {
 // ---- Failures, limits and concurrency ----
 
 TEST_F(EchoTest, FailuresComeBackAsErrorRepliesAndTheConnectionCarriesOn) {
+    // No factory, a factory that makes nothing, a factory that throws.
+    for (const char* type : {"NoSuchType", "Null", "Throwing"}) {
+        EXPECT_THROW(AndroidProxy proxy(&client_, type), std::runtime_error) << type;
+    }
     EXPECT_EQ(errorOf([&] { echo_.call("fail", std::string("boom 42")); }), "error: boom 42");
     EXPECT_THAT(errorOf([&] { echo_.call("failOddly"); }), StartsWith("error: "));
     EXPECT_THAT(errorOf([&] { echo_.call("noSuchMethod", 1); }),
@@ -427,16 +402,19 @@ TEST_F(TransportTest, KilledServerFailsThePendingCallAndTellsEachProxyOnce) {
     EXPECT_TRUE(callFromDeathFailed);
 }
 
-// A service runs for long and its clients come and go: what a dead client's connection held
-// must go when it dies, not when some other client happens to disconnect later.
-TEST_F(TransportTest, KilledClientReleasesItsObjectsAndDescriptorsAndFailsItsCallbacks) {
+// A service runs for long and its clients come and go: what a dropped proxy or a dead client's
+// connection held must go then, not when some other client happens to disconnect later.
+TEST_F(TransportTest, DroppedProxiesAndDeadOrGoneClientsReleaseTheirObjectsAndDescriptors) {
     CountedServer server(kService);
-    AndroidClient local(kService);
-    AndroidProxy survivor(&local, "Counted");
+    auto local = std::make_unique<AndroidClient>(kService);
+    AndroidProxy survivor(local.get(), "Counted");
+    { AndroidProxy dropped(local.get(), "Counted"); }
+    // The transport thread that created the object may still hold it for a moment.
+    EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; }));
     const size_t fdsBefore = openFds().size();
     Process& client = startPeer({"client", kService, "Counted", "3"});
     EXPECT_EQ(server.alive(), 4);
-    std::shared_ptr<Counted> object = server.made(1);  // the peer's proxy 0
+    std::shared_ptr<Counted> object = server.made(2);  // the peer's proxy 0
     ASSERT_TRUE(object);
 
     auto pending =
@@ -455,6 +433,9 @@ TEST_F(TransportTest, KilledClientReleasesItsObjectsAndDescriptorsAndFailsItsCal
     EXPECT_TRUE(waitUntil([&] { return openFds().size() == fdsBefore + 2; }))
         << openFds().size() - fdsBefore - 2 << " descriptors of the dead connection still open";
     EXPECT_EQ(survivor.call("echoInt", 9).as<int>(), 9);
+    // The remaining proxy outlives its client, and must still be destroyed safely later.
+    local.reset();
+    EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; }));
 }
 
 TEST_F(TransportTest, StoppingTheServerReleasesItsObjectsAndTellsEachRemoteProxyOnce) {
@@ -749,22 +730,29 @@ TEST_F(TransportTest, SilentClientsGoAtTheGreetingDeadlineAndClientsBeyondTheCap
     EXPECT_EQ(proxy.call("echoInt", 8).as<int>(), 8);
 }
 
-// Lowers this process's soft limit of descriptors to its lowest free one while it lives, so that
-// no new descriptor can be made.
-struct NoDescriptorsLeft {
-    NoDescriptorsLeft() {
-        ::getrlimit(RLIMIT_NOFILE, &saved);
-        const UniqueFd lowestFree(::dup(STDIN_FILENO));
-        const rlimit none{static_cast<rlim_t>(lowestFree.get()), saved.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &none);
+// Lets this process write no byte to a file while it lives, a payload's memfd included.
+struct NoFileBytes {
+    NoFileBytes() {
+        ::getrlimit(RLIMIT_FSIZE, &saved);
+        const rlimit none{0, saved.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &none);
     }
-    ~NoDescriptorsLeft() { ::setrlimit(RLIMIT_NOFILE, &saved); }
+    ~NoFileBytes() {
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        std::signal(SIGXFSZ, previous);
+    }
     rlimit saved{};
+    void (*previous)(int) = std::signal(SIGXFSZ, SIG_IGN);
 };
 
-// The peer server fails a request that came with a memfd and a reply that needs one; this
-// process a large request, while its accept thread lets a new client wait and says so once.
-TEST_F(EchoTest, AtItsDescriptorLimitAProcessFailsOnlyWhatNeedsADescriptorAndSaysSoOnce) {
+// The peer server at its descriptor limit fails a request that came with a memfd and a reply
+// that needs one, and its accept thread lets a new client wait and says so once. This process
+// fails a large call whose memfd it cannot fill. None of it costs a connection.
+TEST_F(EchoTest, LocalShortagesFailOnlyTheCallsTheyHitAndTheServerSaysSoOnce) {
+    const UniqueFd waiting(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    auto outOfDescriptors = [&] {
+        return echo_.call("logged", std::string("out of descriptors")).as<int>();
+    };
     echo_.call("limitDescriptors", true);
     auto outcome = std::async(std::launch::async, [&] {
         return std::make_pair(
@@ -775,22 +763,20 @@ TEST_F(EchoTest, AtItsDescriptorLimitAProcessFailsOnlyWhatNeedsADescriptorAndSay
     const auto [request, reply] = outcome.get();
     EXPECT_THAT(request, StartsWith("error: "));
     EXPECT_THAT(reply, StartsWith("error: "));
+    EXPECT_TRUE(attach(waiting.get(), servicePath(), false));
+    EXPECT_TRUE(waitUntil([&] { return outOfDescriptors() > 0; }));
+    // A server that retries at once would have logged several more lines by now.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     echo_.call("limitDescriptors", false);
+    EXPECT_EQ(outOfDescriptors(), 1);
+    greet(waiting.get());
 
-    CountedServer local("parlex-local");
-    const UniqueFd waiting(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     std::string largeCall;
     {
-        NoDescriptorsLeft limit;
+        NoFileBytes limit;
         largeCall = errorOf([&] { echo_.call("echoInt", std::string(kMaxMessageSize / 2, 'l')); });
-        EXPECT_TRUE(attach(waiting.get(), runtimeDir_.path() + "/parlex-local", false));
-        EXPECT_TRUE(waitUntil([] { return loggedWith("out of descriptors") > 0; }));
-        // A server that retries at once would have logged several more lines by now.
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
     }
     EXPECT_THAT(largeCall, StartsWith("error: "));
-    EXPECT_EQ(loggedWith("out of descriptors"), 1u);
-    greet(waiting.get());
     EXPECT_EQ(echo_.call("echoInt", 2).as<int>(), 2);
 }
 

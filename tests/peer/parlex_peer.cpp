@@ -4,11 +4,13 @@
 // It talks to the test through its standard streams: one line to stdout for everything the test
 // waits for ("ready", "hanging" when a request is parked, "death <i>" and "getBuffer <i>" from
 // the client's proxy i), and the end of stdin as the request to shut down cleanly and exit 0.
-// Any other exit status tells the test that the peer failed.
+// Any other exit status tells the test that the peer failed. The server keeps what the
+// transport logs for the test to ask about.
 #include <parlex/binder.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -44,6 +46,10 @@ void waitForEndOfStdin() {
     }
     stdinEnded.set_value();
 }
+
+// What the transport logged, kept for the test to ask about rather than printed.
+std::mutex logMutex;
+std::vector<std::string> logged;  // guards: logMutex
 
 // How many requests are inside "sleepInside" now, and the most there ever were.
 std::atomic<int> inside{0};
@@ -85,6 +91,12 @@ public:
             return value;
         });
         bind("mostInside", [] { return mostInside.load(); });
+        bind("logged", [](std::string text) {
+            std::lock_guard<std::mutex> lock(logMutex);
+            return static_cast<int>(std::count_if(
+                logged.begin(), logged.end(),
+                [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+        });
         // Lowers the soft limit of descriptors to the lowest free one, or puts it back.
         bind("limitDescriptors", [](bool lower) {
             static rlimit saved{};
@@ -94,7 +106,6 @@ public:
             const rlimit lowered{static_cast<rlim_t>(lowestFree), saved.rlim_max};
             return ::setrlimit(RLIMIT_NOFILE, lower ? &lowered : &saved);
         });
-
         // The client's answer to "getBuffer", passed back in the reply.
         bind("pull",
              [this](int bytes) { return callback("getBuffer", bytes).as<AndroidBuffer>(); });
@@ -106,6 +117,10 @@ public:
 };
 
 int runServer(const char* service) {
+    parlex::setLogHandler([](const std::string& line) {
+        std::lock_guard<std::mutex> lock(logMutex);
+        logged.push_back(line);
+    });
     parlex::AndroidServer server;
     server.registerFactory("Echo", [] { return std::make_shared<Echo>(); });
     server.registerFactory("Null", [] { return std::shared_ptr<parlex::AndroidImpl>(); });
