@@ -109,9 +109,7 @@ void Caller::readOne(std::unique_lock<std::mutex>& lock) {
     RecvStatus status = recvFrame(fd_, frame, error);
     if (status == RecvStatus::Unreadable && isAnswer(frame.kind)) {
         // The answer came, but without room for its descriptors: its caller gets an error.
-        static const std::string kDropped =
-            "parlex: answer dropped: this process is out of "
-            "descriptors";
+        static const std::string kDropped = "parlex: answer dropped: out of descriptors";
         frame.kind = FrameKind::Error;
         frame.payload.assign(kDropped.begin(), kDropped.end());
         status = RecvStatus::Ok;
@@ -228,10 +226,9 @@ void Responder::loop(std::shared_ptr<void> keepAlive, std::function<bool()> firs
                 growLocked(keepAlive);
             }
             if (status == RecvStatus::Unreadable) {
-                const std::string dropped =
-                    "parlex: request dropped: the receiving process is "
-                    "out of descriptors";
-                sendFrame(fd_, FrameKind::Error, frame.txn, dropped.data(), dropped.size(), {});
+                // The request came, but without room for its descriptors: its caller gets an error.
+                static const std::string kDropped = "parlex: request dropped: out of descriptors";
+                sendFrame(fd_, FrameKind::Error, frame.txn, kDropped.data(), kDropped.size(), {});
             } else {
                 tHandler = {this, &keepAlive};
                 handle_(frame);
