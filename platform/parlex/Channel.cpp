@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <system_error>
 
 #include "parlex/binder.h"
 
@@ -29,15 +31,21 @@ void throwFailure(Failure failure) {
 
 // ---- Caller ----
 
+namespace {
+bool isAnswer(FrameKind kind) {
+    return kind == FrameKind::Reply || kind == FrameKind::Error || kind == FrameKind::HelloAck;
+}
+}  // namespace
+
 Caller::Caller(int fd, std::function<void()> onFailure)
     : fd_(fd), onFailure_(std::move(onFailure)) {}
 
 std::shared_ptr<Caller::Slot> Caller::send(FrameKind kind, const void* payload, size_t size,
                                            const std::vector<int>& fds) {
-    if (size > kMaxMessageSize) {
-        throw std::runtime_error("parlex: message of " + std::to_string(size) +
-                                 " bytes exceeds the limit of " + std::to_string(kMaxMessageSize) +
-                                 " bytes");
+    if (const size_t total = size + attachedBytes(fds); total > kMaxMessageSize) {
+        throw std::runtime_error("parlex: message of " + std::to_string(total) +
+                                 " bytes, blobs included, exceeds the limit of " +
+                                 std::to_string(kMaxMessageSize) + " bytes");
     }
     if (fds.size() + 1 > kMaxFds) {
         throw std::runtime_error("parlex: message carries " + std::to_string(fds.size()) +
@@ -56,9 +64,10 @@ std::shared_ptr<Caller::Slot> Caller::send(FrameKind kind, const void* payload, 
     if (rc == 0) return slot;
 
     forget(txn);
-    if (rc == -EMSGSIZE) {
+    if (!peerGone(rc)) {
+        // Nothing reached the peer and the channel is as it was: only this call fails.
         throw std::runtime_error("parlex: message of " + std::to_string(size) +
-                                 " bytes could not be sent");
+                                 " bytes could not be sent: " + std::strerror(-rc));
     }
     fail(Failure::Dead);
     onFailure_();
@@ -67,6 +76,13 @@ std::shared_ptr<Caller::Slot> Caller::send(FrameKind kind, const void* payload, 
 }
 
 Frame Caller::wait(const std::shared_ptr<Slot>& slot) {
+    if (!Responder::waitBegins()) {
+        throw std::runtime_error("parlex: " + std::to_string(kMaxWaitingHandlersPerConnection) +
+                                 " handlers of this connection wait for answers already");
+    }
+    struct WaitEnd {
+        ~WaitEnd() { Responder::waitEnded(); }
+    } waitEnd;
     std::unique_lock<std::mutex> lock(mutex_);
     waiters_.push_back(slot.get());
     while (!slot->done && failure_ == Failure::None) {
@@ -91,8 +107,14 @@ void Caller::readOne(std::unique_lock<std::mutex>& lock) {
     Frame frame;
     std::string error;
     RecvStatus status = recvFrame(fd_, frame, error);
-    if (status == RecvStatus::Ok && frame.kind != FrameKind::Reply &&
-        frame.kind != FrameKind::Error && frame.kind != FrameKind::HelloAck) {
+    if (status == RecvStatus::Unreadable && isAnswer(frame.kind)) {
+        // The answer came, but without room for its descriptors: its caller gets an error.
+        static const std::string kDropped = "parlex: answer dropped: out of descriptors";
+        frame.kind = FrameKind::Error;
+        frame.payload.assign(kDropped.begin(), kDropped.end());
+        status = RecvStatus::Ok;
+    }
+    if (status != RecvStatus::Closed && !isAnswer(frame.kind)) {
         status = RecvStatus::Malformed;
         error = "a request where an answer was expected";
     }
@@ -108,6 +130,10 @@ void Caller::readOne(std::unique_lock<std::mutex>& lock) {
     }
     lock.lock();
     reading_ = false;
+    deliver(std::move(frame));
+}
+
+void Caller::deliver(Frame frame) {
     auto it = slots_.find(frame.txn);
     if (it == slots_.end()) return;  // its waiter dropped the future: nobody wants it
     Slot& slot = *it->second;
@@ -131,6 +157,15 @@ void Caller::fail(Failure failure) {
 
 // ---- Responder ----
 
+namespace {
+// The responder whose handler this thread is running, and the thread's hold on its owner.
+struct HandlerThread {
+    Responder* responder = nullptr;
+    const std::shared_ptr<void>* keepAlive = nullptr;
+};
+thread_local HandlerThread tHandler;
+}  // namespace
+
 Responder::Responder(int fd, Handle handle, OnEnd onEnd, std::function<void()> onFinished)
     : fd_(fd),
       handle_(std::move(handle)),
@@ -143,11 +178,35 @@ void Responder::start(std::shared_ptr<void> keepAlive, std::function<bool()> fir
     std::lock_guard<std::mutex> lock(mutex_);
     ++running_;
     threads_.emplace_back(&Responder::loop, this, std::move(keepAlive), std::move(first));
+    poolIds_.push_back(threads_.back().get_id());
 }
 
-void Responder::spawnLocked(std::shared_ptr<void> keepAlive) {
+void Responder::growLocked(const std::shared_ptr<void>& keepAlive) {
+    if (idle_ > 0 || ended_ || running_ - waiting_ >= kMaxHandlerThreadsPerConnection) return;
+    try {
+        threads_.emplace_back(&Responder::loop, this, keepAlive, std::function<bool()>());
+    } catch (const std::system_error&) {
+        return;  // out of threads: the requests wait for a busy one
+    }
     ++running_;
-    threads_.emplace_back(&Responder::loop, this, std::move(keepAlive), std::function<bool()>());
+    poolIds_.push_back(threads_.back().get_id());
+}
+
+bool Responder::waitBegins() {
+    Responder* self = tHandler.responder;
+    if (self == nullptr) return true;
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    if (self->waiting_ >= kMaxWaitingHandlersPerConnection) return false;
+    ++self->waiting_;
+    self->growLocked(*tHandler.keepAlive);
+    return true;
+}
+
+void Responder::waitEnded() {
+    Responder* self = tHandler.responder;
+    if (self == nullptr) return;
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    --self->waiting_;
 }
 
 void Responder::loop(std::shared_ptr<void> keepAlive, std::function<bool()> first) {
@@ -163,12 +222,18 @@ void Responder::loop(std::shared_ptr<void> keepAlive, std::function<bool()> firs
             {
                 std::lock_guard<std::mutex> lock(mutex_);
                 --idle_;
-                if (status != RecvStatus::Ok) break;
-                if (idle_ == 0 && !ended_ && threads_.size() < kMaxHandlerThreadsPerConnection) {
-                    spawnLocked(keepAlive);
-                }
+                if (status == RecvStatus::Closed || status == RecvStatus::Malformed) break;
+                growLocked(keepAlive);
             }
-            handle_(frame);
+            if (status == RecvStatus::Unreadable) {
+                // The request came, but without room for its descriptors: its caller gets an error.
+                static const std::string kDropped = "parlex: request dropped: out of descriptors";
+                sendFrame(fd_, FrameKind::Error, frame.txn, kDropped.data(), kDropped.size(), {});
+            } else {
+                tHandler = {this, &keepAlive};
+                handle_(frame);
+                tHandler = {};
+            }
             error.clear();
         }
     }
@@ -192,20 +257,27 @@ void Responder::end(const std::string& error) {
 }
 
 void Responder::join() {
-    while (true) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const auto self = std::this_thread::get_id();
+    while (!threads_.empty()) {
         std::vector<std::thread> threads;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            threads.swap(threads_);
-        }
-        if (threads.empty()) return;
+        threads.swap(threads_);
+        ++joining_;
+        lock.unlock();
         for (std::thread& thread : threads) {
-            if (thread.get_id() == std::this_thread::get_id()) {
+            if (thread.get_id() == self) {
                 thread.detach();
             } else {
                 thread.join();
             }
         }
+        lock.lock();
+        if (--joining_ == 0) joined_.notify_all();
+    }
+    // Another joiner may still be joining threads this call found gone from the list. A pool
+    // thread cannot wait for that: the other joiner may be waiting for it.
+    if (std::find(poolIds_.begin(), poolIds_.end(), self) == poolIds_.end()) {
+        joined_.wait(lock, [&] { return joining_ == 0; });
     }
 }
 

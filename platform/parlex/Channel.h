@@ -7,7 +7,10 @@
 //
 // Responder: every idle thread blocks in recvmsg on the same SOCK_SEQPACKET socket and the
 // kernel gives each request to exactly one of them, which runs it inline and answers. When the
-// last idle thread takes a request, another is started, up to the per-connection bound.
+// last idle thread takes a request, another is started, up to the per-connection bound. A
+// handler that waits for an answer (a nested call) stops counting against that bound while it
+// waits, so that the request its answer may depend on still finds a thread; the waiting
+// handlers have a bound of their own, beyond which the wait fails at once.
 #pragma once
 
 #include <condition_variable>
@@ -40,17 +43,20 @@ public:
     // `onFailure` is called (without locks held) the first time the channel is found broken.
     Caller(int fd, std::function<void()> onFailure);
 
-    // Registers a slot and sends the request; throws dead_object, or std::runtime_error when
-    // stopped or when the message is too large.
+    // Registers a slot and sends the request; throws dead_object when the peer is gone, or
+    // std::runtime_error when stopped, when the message is too large or when it cannot be sent
+    // for a local reason (which leaves the channel as it was).
     std::shared_ptr<Slot> send(FrameKind kind, const void* payload, size_t size,
                                const std::vector<int>& fds);
-    // Blocks until the slot's answer arrives; throws when the channel fails first.
+    // Blocks until the slot's answer arrives; throws when the channel fails first, or when the
+    // calling handler thread may not wait (see Responder).
     Frame wait(const std::shared_ptr<Slot>& slot);
     // Fails every waiter now and later with `failure` (the first failure recorded sticks).
     void fail(Failure failure);
 
 private:
     void readOne(std::unique_lock<std::mutex>& lock);
+    void deliver(Frame frame);
     void forget(uint32_t txn);
 
     const int fd_;
@@ -79,24 +85,36 @@ public:
     // `first`, if given, runs on that thread before it starts reading requests; returning false
     // ends the responder.
     void start(std::shared_ptr<void> keepAlive, std::function<bool()> first = {});
-    // Joins every pool thread except the calling one, which is detached.
+    // Joins every pool thread except the calling one, which is detached. A caller that is not
+    // a pool thread returns only once every other joiner has finished too.
     void join();
     // True once every pool thread has returned.
     bool finished();
 
+    // Called around a wait for an answer. When the calling thread runs a handler of some
+    // responder, that responder no longer counts the thread as busy until waitEnded(); false
+    // when too many of its handlers wait already (the thread must not wait then).
+    static bool waitBegins();
+    static void waitEnded();
+
 private:
     void loop(std::shared_ptr<void> keepAlive, std::function<bool()> first);
-    void spawnLocked(std::shared_ptr<void> keepAlive);
+    // Starts a thread when none is left to read and the bound allows one.
+    void growLocked(const std::shared_ptr<void>& keepAlive);
     void end(const std::string& error);
 
     const int fd_;
     const Handle handle_;
     const OnEnd onEnd_;
     const std::function<void()> onFinished_;
-    std::mutex mutex_;  // guards: threads_, idle_, running_, ended_
-    std::vector<std::thread> threads_;
+    std::mutex mutex_;  // guards: threads_, poolIds_, idle_, running_, waiting_, joining_, ended_
+    std::condition_variable joined_;
+    std::vector<std::thread> threads_;  // not yet joined
+    std::vector<std::thread::id> poolIds_;
     size_t idle_ = 0;
     size_t running_ = 0;
+    size_t waiting_ = 0;  // handlers waiting for an answer
+    size_t joining_ = 0;  // join() calls that are joining threads now
     bool ended_ = false;
 };
 

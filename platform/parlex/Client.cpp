@@ -23,25 +23,29 @@ class ProxyRoute {
 public:
     explicit ProxyRoute(const Proxy* target) : target_(target) {}
 
-    // False when the proxy is gone; otherwise the outcome of the proxy's dispatch.
+    // The outcome of the proxy's dispatch, as runHandler() reports it.
     std::string dispatch(const std::string& method, const AndroidParcel& request,
                          AndroidParcel& reply) {
-        const Proxy* target;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (target_ == nullptr) return "parlex: the proxy is gone";
-            target = target_;
-            ++active_;
-        }
-        dispatchingOnThisThread().push_back(this);
-        std::string error = runHandler(
-            method, [&](AndroidParcel& out) { return target->dispatch(method, request, &out); },
-            reply);
-        dispatchingOnThisThread().pop_back();
-        std::lock_guard<std::mutex> lock(mutex_);
-        --active_;
-        idle_.notify_all();
+        std::string error = "parlex: the proxy is gone";
+        visit([&](const Proxy& target) {
+            error = runHandler(
+                method, [&](AndroidParcel& out) { return target.dispatch(method, request, &out); },
+                reply);
+        });
         return error;
+    }
+
+    // Delivers "death"; false when the proxy is still there without a handler for it.
+    bool offerDeath() {
+        bool taken = true;
+        visit([&](const Proxy& target) {
+            AndroidParcel request, reply;
+            runHandler(
+                "death",
+                [&](AndroidParcel& out) { return taken = target.dispatch("death", request, &out); },
+                reply);
+        });
+        return taken;
     }
 
     void detach() {
@@ -53,6 +57,24 @@ public:
     }
 
 private:
+    // Runs `use` on the proxy unless it is gone, counted in for detach().
+    template <typename F>
+    void visit(F&& use) {
+        const Proxy* target;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (target_ == nullptr) return;
+            target = target_;
+            ++active_;
+        }
+        dispatchingOnThisThread().push_back(this);
+        use(*target);
+        dispatchingOnThisThread().pop_back();
+        std::lock_guard<std::mutex> lock(mutex_);
+        --active_;
+        idle_.notify_all();
+    }
+
     // The routes whose handlers this thread is inside, innermost last.
     static std::vector<const ProxyRoute*>& dispatchingOnThisThread() {
         thread_local std::vector<const ProxyRoute*> dispatching;
@@ -80,11 +102,15 @@ public:
     static std::shared_ptr<ClientConnection> connect(const std::string& serviceName) {
         std::string path = socketPath(serviceName);
         UniqueFd requests(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        if (!requests.valid()) {
+            throw std::runtime_error("parlex: cannot connect to service '" + serviceName +
+                                     "': " + std::strerror(errno));
+        }
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        if (!requests.valid() || ::connect(requests.get(), reinterpret_cast<sockaddr*>(&address),
-                                           sizeof(address)) != 0) {
+        const auto* raw = reinterpret_cast<const sockaddr*>(&address);
+        if (::connect(requests.get(), raw, sizeof(address)) != 0) {
             throw std::runtime_error("parlex: service '" + serviceName +
                                      "' is not running (nothing listens at " + path + ")");
         }
@@ -137,7 +163,18 @@ public:
         auto route = std::make_shared<ProxyRoute>(proxy);
         std::lock_guard<std::mutex> lock(routesMutex_);
         routes_[objectId] = route;
+        // A proxy made while the connection died is owed its "death" like the others.
+        if (deathStarted_) owedDeath_.push_back(route);
         return route;
+    }
+
+    // A proxy bound "death": one still owed it may take it now.
+    void deathBound() {
+        {
+            std::lock_guard<std::mutex> lock(routesMutex_);
+            deathRetry_ = true;
+        }
+        deathChanged_.notify_all();
     }
 
     void removeRoute(const std::string& objectId, const std::shared_ptr<ProxyRoute>& route) {
@@ -155,6 +192,11 @@ public:
         state_.compare_exchange_strong(expected, Failure::Stopped);
         caller_.fail(Failure::Stopped);
         shutdownSockets();
+        {
+            std::lock_guard<std::mutex> lock(routesMutex_);
+            stopping_ = true;
+        }
+        deathChanged_.notify_all();
         responder_.join();
     }
 
@@ -180,16 +222,26 @@ private:
         if (state_ == Failure::Dead) deliverDeath();
     }
 
-    // Runs on a pool thread, never on a thread waiting for a reply, once per connection.
+    // Runs on a pool thread, never on a thread waiting for a reply, once per connection. A proxy
+    // still being constructed has no "death" handler yet, so the thread stays until the client
+    // stops and delivers to such proxies when they bind one.
     void deliverDeath() {
-        std::vector<std::shared_ptr<ProxyRoute>> routes;
-        {
-            std::lock_guard<std::mutex> lock(routesMutex_);
-            for (auto& entry : routes_) routes.push_back(entry.second);
-        }
-        for (auto& route : routes) {
-            AndroidParcel request, reply;
-            route->dispatch("death", request, reply);
+        std::unique_lock<std::mutex> lock(routesMutex_);
+        deathStarted_ = true;
+        for (auto& entry : routes_) owedDeath_.push_back(entry.second);
+        while (!stopping_) {
+            std::vector<std::shared_ptr<ProxyRoute>> owed;
+            owed.swap(owedDeath_);
+            deathRetry_ = false;
+            lock.unlock();
+            for (auto& route : owed) {
+                if (route->offerDeath()) route.reset();
+            }
+            lock.lock();
+            for (auto& route : owed) {
+                if (route) owedDeath_.push_back(std::move(route));
+            }
+            deathChanged_.wait(lock, [&] { return stopping_ || deathRetry_; });
         }
     }
 
@@ -216,8 +268,14 @@ private:
     Responder responder_;
     std::atomic<Failure> state_{Failure::None};
     std::atomic<bool> stopped_{false};
-    std::mutex routesMutex_;  // guards: routes_
+    // guards: routes_, owedDeath_, deathStarted_, deathRetry_, stopping_
+    std::mutex routesMutex_;
+    std::condition_variable deathChanged_;
     std::map<std::string, std::shared_ptr<ProxyRoute>> routes_;
+    std::vector<std::shared_ptr<ProxyRoute>> owedDeath_;  // not yet given their "death"
+    bool deathStarted_ = false;
+    bool deathRetry_ = false;
+    bool stopping_ = false;
 };
 
 }  // namespace parlex::transport
@@ -244,5 +302,7 @@ AndroidProxy::~AndroidProxy() {
     connection_->removeRoute(objectId(), route_);
     connection_->releaseObject(objectId());
 }
+
+void AndroidProxy::deathBound() { connection_->deathBound(); }
 
 }  // namespace parlex

@@ -2,14 +2,17 @@
 // it against what actually arrived; descriptors that came with a bad frame are closed.
 #include "Frame.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "parlex/binder.h"
 
@@ -43,11 +46,19 @@ bool readAllAt(int fd, void* bytes, size_t size) {
     return true;
 }
 
-// The out-of-line payload: a memfd holding exactly the payload bytes.
-UniqueFd makePayloadFd(const void* payload, size_t size) {
+// The out-of-line payload: a memfd holding exactly the payload bytes. Returns 0 or -errno.
+int makePayloadFd(const void* payload, size_t size, UniqueFd& out) {
     UniqueFd fd(::memfd_create("parlex-frame", MFD_CLOEXEC));
-    if (!fd.valid() || !writeAll(fd.get(), payload, size)) return UniqueFd();
-    return fd;
+    if (!fd.valid() || !writeAll(fd.get(), payload, size)) return errno != 0 ? -errno : -EIO;
+    out = std::move(fd);
+    return 0;
+}
+
+// Adds a file's size to a byte count without wrapping: past the limit is all that matters.
+size_t addCapped(size_t total, off_t size) {
+    const size_t over = kMaxMessageSize + 1;
+    return size < 0 || static_cast<uint64_t>(size) >= over ? over
+                                                           : std::min(over, total + size_t(size));
 }
 
 // Space for the largest descriptor set we accept, and one more so that an excess shows up as
@@ -66,11 +77,45 @@ RecvStatus malformed(std::string& error, const char* why) {
     return RecvStatus::Malformed;
 }
 
+// The parcel's descriptors are blobs that the receiver maps: each must be a memfd that can
+// neither shrink nor grow under the mapping, and their bytes count towards the message limit.
+bool blobsWithinLimit(const std::vector<UniqueFd>& blobs, size_t payloadSize, std::string& error) {
+    constexpr int kFixedSize = F_SEAL_SHRINK | F_SEAL_GROW;
+    size_t total = payloadSize;
+    for (const UniqueFd& blob : blobs) {
+        struct stat st;
+        const int seals = ::fcntl(blob.get(), F_GET_SEALS);
+        if (seals < 0 || (seals & kFixedSize) != kFixedSize || ::fstat(blob.get(), &st) != 0) {
+            error = "a descriptor that is not a sealed blob";
+            return false;
+        }
+        total = addCapped(total, st.st_size);
+    }
+    if (total > kMaxMessageSize) error = "blobs above the message limit";
+    return total <= kMaxMessageSize;
+}
+
 }  // namespace
+
+size_t attachedBytes(const std::vector<int>& fds) {
+    size_t total = 0;
+    for (int fd : fds) {
+        struct stat st;
+        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) total = addCapped(total, st.st_size);
+    }
+    return total;
+}
+
+bool peerGone(int sendResult) {
+    return sendResult == -EPIPE || sendResult == -ECONNRESET || sendResult == -ENOTCONN;
+}
 
 int sendFrame(int fd, FrameKind kind, uint32_t txn, const void* payload, size_t size,
               const std::vector<int>& fds) {
-    if (size > kMaxMessageSize || fds.size() + 1 > kMaxFds) return -EMSGSIZE;
+    if (size > kMaxMessageSize || fds.size() + 1 > kMaxFds ||
+        size + attachedBytes(fds) > kMaxMessageSize) {
+        return -EMSGSIZE;
+    }
 
     FrameHeader header{
         kFrameMagic, static_cast<uint16_t>(kind), 0, txn, static_cast<uint32_t>(size), 0, 0};
@@ -80,8 +125,7 @@ int sendFrame(int fd, FrameKind kind, uint32_t txn, const void* payload, size_t 
     iovec iov[2] = {{&header, sizeof(header)}, {const_cast<void*>(payload), size}};
     int iovCount = size > 0 ? 2 : 1;
     if (size > kInlineLimit) {
-        payloadFd = makePayloadFd(payload, size);
-        if (!payloadFd.valid()) return -errno ? -errno : -EIO;
+        if (int rc = makePayloadFd(payload, size, payloadFd); rc != 0) return rc;
         header.flags = kOutOfLine;
         attached.push_back(payloadFd.get());
         iovCount = 1;
@@ -124,9 +168,10 @@ RecvStatus recvFrame(int fd, Frame& frame, std::string& error) {
     do {
         n = ::recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
     } while (n < 0 && errno == EINTR);
-    if (n <= 0) return RecvStatus::Closed;
+    if (n < 0) return RecvStatus::Closed;
 
-    // Take ownership of every descriptor first, so that each early return closes them.
+    // Take ownership of every descriptor first, so that each early return closes them. A record
+    // of no bytes may carry descriptors too.
     std::vector<UniqueFd> fds;
     for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
@@ -137,9 +182,13 @@ RecvStatus recvFrame(int fd, Frame& frame, std::string& error) {
             fds.emplace_back(received);
         }
     }
-    if ((msg.msg_flags & MSG_CTRUNC) || fds.size() > kMaxFds) {
-        return malformed(error, "too many descriptors");
+    const bool rightsTruncated = (msg.msg_flags & MSG_CTRUNC) != 0;
+    if (n == 0) {
+        // The end of the connection reads as an empty record; one that brings descriptors is not.
+        if (fds.empty() && !rightsTruncated) return RecvStatus::Closed;
+        return malformed(error, "empty record with descriptors");
     }
+    if (fds.size() > kMaxFds) return malformed(error, "too many descriptors");
     if (msg.msg_flags & MSG_TRUNC) return malformed(error, "frame larger than the inline limit");
     if (static_cast<size_t>(n) < sizeof(FrameHeader)) return malformed(error, "short frame");
 
@@ -152,6 +201,17 @@ RecvStatus recvFrame(int fd, Frame& frame, std::string& error) {
         return malformed(error, "unknown frame kind");
     }
     if ((header.flags & ~kOutOfLine) != 0) return malformed(error, "unknown flags");
+    if (rightsTruncated) {
+        // The kernel drops descriptors that overflow the control space, and those this process
+        // has no room for. Only the latter leaves fewer than a well-formed header announces.
+        if (header.fdCount > kMaxFds || fds.size() >= header.fdCount) {
+            return malformed(error, "too many descriptors");
+        }
+        frame.kind = static_cast<FrameKind>(header.kind);
+        frame.txn = header.txn;
+        error = "out of descriptors";
+        return RecvStatus::Unreadable;
+    }
     if (header.fdCount != fds.size()) return malformed(error, "descriptor count mismatch");
     if (header.size > kMaxMessageSize) return malformed(error, "frame above the size limit");
 
@@ -172,6 +232,10 @@ RecvStatus recvFrame(int fd, Frame& frame, std::string& error) {
     } else {
         if (inlineBytes != header.size) return malformed(error, "payload size mismatch");
         frame.payload.assign(buffer + sizeof(header), buffer + n);
+    }
+    // The greeting's descriptor is a socket; every other frame's belong to its parcel.
+    if (frame.kind != FrameKind::Hello && !blobsWithinLimit(fds, header.size, error)) {
+        return RecvStatus::Malformed;
     }
     frame.fds = std::move(fds);
     return RecvStatus::Ok;

@@ -4,7 +4,9 @@
 //
 // with `fdCount` descriptors attached as SCM_RIGHTS. A payload above kInlineLimit travels out of
 // line: the first descriptor is a memfd holding exactly `size` bytes. The remaining
-// descriptors belong to the parcel in the payload (its shared-memory blobs), in index order.
+// descriptors belong to the parcel in the payload (its shared-memory blobs), in index order;
+// each is a memfd sealed against shrinking and growing, and the payload plus their sizes stay
+// within kMaxMessageSize. A record without bytes is never sent.
 //
 // A connection is two socket pairs: channel A carries the client's requests (Hello, Create,
 // Release, Call) and the server's answers (HelloAck, Reply, Error); channel B, whose server end
@@ -62,15 +64,25 @@ struct Frame {
     std::vector<UniqueFd> fds;  // the parcel's descriptors (never the out-of-line memfd)
 };
 
-enum class RecvStatus { Ok, Closed, Malformed };
+// Unreadable: a well-formed frame whose descriptors this process could not take (it is at its
+// descriptor limit); `frame` holds only its kind and txn, so that it can be answered.
+enum class RecvStatus { Ok, Closed, Malformed, Unreadable };
+
+// Bytes that `fds` add to a message: the sizes of the regular files among them.
+size_t attachedBytes(const std::vector<int>& fds);
 
 // Sends one frame; the descriptors are duplicated into the peer, ours stay open. Returns 0 or
-// a negative errno (EPIPE / ECONNRESET when the peer is gone, EMSGSIZE above the limit).
+// a negative errno: EMSGSIZE when the payload and the attached files exceed the limit, a
+// local failure (EMFILE, ENOMEM, ...) that leaves the channel usable, or one for which
+// peerGone() holds.
 int sendFrame(int fd, FrameKind kind, uint32_t txn, const void* payload, size_t size,
               const std::vector<int>& fds);
 
-// Receives one frame, validating it before anything is trusted. On Malformed, `error` says why
-// and every descriptor received with it has been closed.
+// Whether sendFrame's result means that the channel is closed for good.
+bool peerGone(int sendResult);
+
+// Receives one frame, validating it before anything is trusted. On Malformed and Unreadable,
+// `error` says why and every descriptor received with it has been closed.
 RecvStatus recvFrame(int fd, Frame& frame, std::string& error);
 
 }  // namespace parlex::transport

@@ -3,6 +3,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 
 #include "parlex/binder.h"
@@ -44,19 +47,24 @@ std::string runHandler(const std::string& method,
 }
 
 void sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidParcel& reply) {
-    int rc;
+    int rc = -EPIPE;
     if (error.empty()) {
         rc = sendFrame(fd, FrameKind::Reply, txn, reply->data(), reply->dataSize(),
                        reply->fileDescriptors());
-        if (rc == -EMSGSIZE) {
-            std::string tooLarge = "parlex: reply of " + std::to_string(reply->dataSize()) +
-                                   " bytes exceeds the message limit";
-            rc = sendFrame(fd, FrameKind::Error, txn, tooLarge.data(), tooLarge.size(), {});
-        }
-    } else {
-        rc = sendFrame(fd, FrameKind::Error, txn, error.data(), error.size(), {});
+        if (rc == 0 || peerGone(rc)) return;
     }
-    // A failed answer means the peer is gone; its reader notices the closed channel.
+    // An error text, or a reply that cannot go for a reason of its own (too large, no
+    // descriptor left for its memfd): the caller still gets an answer, one that needs no
+    // descriptor. When even that fails the peer is gone, and its reader notices the closed
+    // channel.
+    std::string text = error;
+    if (rc == -EMSGSIZE) {
+        text = "parlex: reply of " + std::to_string(reply->dataSize()) +
+               " bytes, blobs included, exceeds the message limit";
+    } else if (text.empty()) {
+        text = std::string("parlex: reply could not be sent: ") + std::strerror(-rc);
+    }
+    rc = sendFrame(fd, FrameKind::Error, txn, text.data(), std::min(text.size(), kInlineLimit), {});
     (void)rc;
 }
 

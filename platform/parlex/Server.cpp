@@ -7,7 +7,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <thread>
@@ -20,6 +22,10 @@
 namespace parlex::transport {
 
 class ServerState;
+
+// How long the accept thread leaves the listener alone after running out of descriptors, unless
+// a connection ends (and frees some) first, or waits after a failed poll.
+constexpr int kRestMs = 250;
 
 class ServerConnection : public std::enable_shared_from_this<ServerConnection> {
 public:
@@ -40,38 +46,54 @@ public:
         return sendCall(shared_from_this(), *caller, parcel);
     }
 
-    // Disconnects the client: pending and later sends fail with dead_object and every object
-    // the client created is released.
+    // Disconnects the client: pending and later sends fail with dead_object and the pool
+    // threads end, the first of them releasing the client's objects (onEnd). It also runs
+    // inside sends and waits that find the client gone, so it releases nothing itself.
     void close() {
         if (closed_.exchange(true)) return;
         ::shutdown(requests_.get(), SHUT_RDWR);
-        {
-            std::lock_guard<std::mutex> lock(callerMutex_);
-            if (caller_) caller_->fail(Failure::Dead);
-            if (events_.valid()) ::shutdown(events_.get(), SHUT_RDWR);
-        }
-        std::map<std::string, std::shared_ptr<AndroidImpl>> objects;
-        {
-            std::lock_guard<std::mutex> lock(objectsMutex_);
-            objects.swap(objects_);
-        }
-        // The objects go here, outside the lock: their destructors may do anything.
+        std::lock_guard<std::mutex> lock(callerMutex_);
+        if (caller_) caller_->fail(Failure::Dead);
+        if (events_.valid()) ::shutdown(events_.get(), SHUT_RDWR);
     }
 
     void join() { responder_.join(); }
     bool finished() { return responder_.finished(); }
+    bool closed() const { return closed_; }
 
 private:
     static std::future<AndroidParcel> deadFuture() {
         return failedFuture(std::make_exception_ptr(dead_object()));
     }
 
+    // True when the greeting, or the end of the connection, arrived before the deadline.
+    bool greetedInTime() {
+        const auto deadline = std::chrono::steady_clock::now() + kGreetingDeadline;
+        pollfd greeting{requests_.get(), POLLIN, 0};
+        while (true) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            const int ready =
+                ::poll(&greeting, 1, static_cast<int>(std::max<long>(0, left.count())));
+            if (ready >= 0 || errno != EINTR) return ready > 0;
+        }
+    }
+
     // The first frame of a connection must be the greeting that brings the event channel.
     bool handshake() {
+        if (!greetedInTime()) {
+            logLine("parlex: client sent no greeting within " +
+                    std::to_string(kGreetingDeadline.count()) + " ms; disconnecting");
+            return false;
+        }
         Frame hello;
         std::string error;
         RecvStatus status = recvFrame(requests_.get(), hello, error);
         if (status == RecvStatus::Closed) return false;
+        if (status == RecvStatus::Unreadable) {
+            logLine("parlex: out of descriptors for a client's greeting; disconnecting");
+            return false;
+        }
         struct stat st;
         if (status == RecvStatus::Malformed || hello.kind != FrameKind::Hello ||
             hello.fds.size() != 1 || ::fstat(hello.fds[0].get(), &st) != 0 ||
@@ -198,42 +220,73 @@ public:
 private:
     void acceptLoop() {
         pollfd fds[2] = {{listener_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
+        bool resting = false;  // out of descriptors: the listener is left alone for a while
+        bool pollFailed = false;
         while (true) {
-            if (::poll(fds, 2, -1) < 0) {
-                if (errno == EINTR) continue;
-                logLine("parlex: poll failed: " + std::string(std::strerror(errno)));
-                return;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (stopping_) return;
             }
+            fds[0].fd = resting ? -1 : listener_.get();
+            if (::poll(fds, 2, resting ? kRestMs : -1) < 0) {
+                const int error = errno;
+                if (error == EINTR) continue;
+                // Only a broken process gets here; keep trying rather than stop accepting.
+                if (!pollFailed) {
+                    logLine("parlex: poll failed: " + std::string(std::strerror(error)));
+                }
+                pollFailed = true;
+                std::this_thread::sleep_for(std::chrono::milliseconds(kRestMs));
+                continue;
+            }
+            pollFailed = resting = false;
             if (fds[1].revents & POLLIN) {
                 uint64_t count;
                 ssize_t n = ::read(wake_.get(), &count, sizeof(count));
                 (void)n;
-                {
-                    std::lock_guard<std::mutex> lock(mutex_);
-                    if (stopping_) return;
-                }
                 reap();
             }
-            if (fds[0].revents & POLLIN) accept();
+            if (fds[0].revents & POLLIN) resting = !accept();
         }
     }
 
-    void accept() {
+    // False when the process is out of descriptors, so that the client waits in the backlog.
+    bool accept() {
         UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!client.valid()) {
-            if (errno == EMFILE || errno == ENFILE) {
-                logLine("parlex: out of descriptors; a client waits");
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            if (errno != EMFILE && errno != ENFILE) return true;
+            if (!outOfDescriptors_) {
+                logLine("parlex: out of descriptors; new clients wait until some are free");
             }
-            return;
+            outOfDescriptors_ = true;
+            return false;
         }
-        auto connection = std::make_shared<ServerConnection>(server_, *this, std::move(client));
+        outOfDescriptors_ = false;
+        std::shared_ptr<ServerConnection> connection;
+        size_t open;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (stopping_) return;
-            connections_.push_back(connection);
+            if (stopping_) return true;
+            // Connections already closed only wait for the reaper: they do not count.
+            open = static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(),
+                                                     [](const auto& c) { return !c->closed(); }));
+            if (open < kMaxConnectionsPerServer) {
+                connection = std::make_shared<ServerConnection>(server_, *this, std::move(client));
+                connections_.push_back(connection);
+            }
         }
+        if (!connection) {
+            // Closing the socket is the refusal: the client's greeting gets no answer.
+            if (!full_) {
+                logLine("parlex: " + std::to_string(open) +
+                        " clients connected, the most a server serves; refusing more");
+            }
+            full_ = true;
+            return true;
+        }
+        full_ = false;
         connection->start();
+        return true;
     }
 
     void reap() {
@@ -262,6 +315,9 @@ private:
     std::mutex mutex_;  // guards: connections_, stopping_
     std::vector<std::shared_ptr<ServerConnection>> connections_;
     bool stopping_ = false;
+    // Accept thread only: the last client was refused for the cap, or had to wait.
+    bool full_ = false;
+    bool outOfDescriptors_ = false;
     std::thread acceptThread_;
 };
 
@@ -310,6 +366,13 @@ void ServerConnection::onEnd(const std::string& error) {
         logLine("parlex: client sent a malformed frame (" + error + "); disconnecting");
     }
     close();
+    std::map<std::string, std::shared_ptr<AndroidImpl>> objects;
+    {
+        std::lock_guard<std::mutex> lock(objectsMutex_);
+        objects.swap(objects_);
+    }
+    // The objects go here, on a pool thread and outside the lock: their destructors may do
+    // anything, such as joining a thread of theirs that is inside a send to this client.
 }
 
 namespace {

@@ -4,13 +4,15 @@
 // It talks to the test through its standard streams: one line to stdout for everything the test
 // waits for ("ready", "hanging" when a request is parked, "death <i>" and "getBuffer <i>" from
 // the client's proxy i), and the end of stdin as the request to shut down cleanly and exit 0.
-// Any other exit status tells the test that the peer failed.
+// Any other exit status tells the test that the peer failed. The server keeps what the
+// transport logs for the test to ask about.
 #include <parlex/binder.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,8 +23,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "common/RecordCodec.h"
 
 namespace {
 
@@ -47,11 +47,9 @@ void waitForEndOfStdin() {
     stdinEnded.set_value();
 }
 
-// Holds each caller until `parties` callers are inside at once, which only happens when the
-// transport runs that many requests concurrently. Counts arrivals over the process's life.
-std::mutex rendezvousMutex;  // guards: arrived
-std::condition_variable rendezvousChanged;
-int arrived = 0;
+// What the transport logged, kept for the test to ask about rather than printed.
+std::mutex logMutex;
+std::vector<std::string> logged;  // guards: logMutex
 
 // How many requests are inside "sleepInside" now, and the most there ever were.
 std::atomic<int> inside{0};
@@ -62,16 +60,10 @@ class Echo : public parlex::AndroidImpl {
 public:
     Echo() {
         bind("echoInt", [](int value) { return value; });
-        bind("echoUnsigned", [](unsigned int value) { return value; });
-        bind("echoBool", [](bool value) { return value; });
-        bind("echoLongLong", [](long long value) { return value; });
-        bind("echoFloat", [](float value) { return value; });
         bind("echoString", [](std::string value) { return value; });
         // The pointer belongs to the request parcel, which outlives the reply's writing.
         bind("echoCString", [](const char* value) { return value; });
         bind("echoBuffer", [](AndroidBuffer value) { return value; });
-        bind("echoState", [](orv::MediaPlayerStateV2 value) { return value; });
-        bind("echoSource", [](orv::ZEMAudioSourceV4 value) { return value; });
         bind("describe", [](int i, unsigned int u, bool b, long long ll, float f, std::string s,
                             const char* c) {
             return std::to_string(i) + "|" + std::to_string(u) + "|" + (b ? "true" : "false") +
@@ -88,16 +80,6 @@ public:
             return 0;
         });
 
-        bind("rendezvous", [](int parties, int value) {
-            std::unique_lock<std::mutex> lock(rendezvousMutex);
-            ++arrived;
-            rendezvousChanged.notify_all();
-            if (!rendezvousChanged.wait_for(lock, std::chrono::seconds(10),
-                                            [&] { return arrived >= parties; })) {
-                throw std::runtime_error("only " + std::to_string(arrived) + " callers arrived");
-            }
-            return value;
-        });
         // Stays inside long enough for the other callers to pile up.
         bind("sleepInside", [](int value) {
             const int now = ++inside;
@@ -109,19 +91,24 @@ public:
             return value;
         });
         bind("mostInside", [] { return mostInside.load(); });
-
+        bind("logged", [](std::string text) {
+            std::lock_guard<std::mutex> lock(logMutex);
+            return static_cast<int>(std::count_if(
+                logged.begin(), logged.end(),
+                [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+        });
+        // Lowers the soft limit of descriptors to the lowest free one, or puts it back.
+        bind("limitDescriptors", [](bool lower) {
+            static rlimit saved{};
+            if (lower) ::getrlimit(RLIMIT_NOFILE, &saved);
+            const int lowestFree = ::dup(STDIN_FILENO);
+            ::close(lowestFree);
+            const rlimit lowered{static_cast<rlim_t>(lowestFree), saved.rlim_max};
+            return ::setrlimit(RLIMIT_NOFILE, lower ? &lowered : &saved);
+        });
         // The client's answer to "getBuffer", passed back in the reply.
         bind("pull",
              [this](int bytes) { return callback("getBuffer", bytes).as<AndroidBuffer>(); });
-        // Calls `name` on the client and returns the error it raised, "" when it succeeded.
-        bind("pullError", [this](std::string name) -> std::string {
-            try {
-                callback(name, 0);
-                return "";
-            } catch (const std::exception& error) {
-                return error.what();
-            }
-        });
         bind("ticks", [this](int count) {
             for (int i = 0; i < count; ++i) event("tick", i);
             return count;
@@ -130,6 +117,10 @@ public:
 };
 
 int runServer(const char* service) {
+    parlex::setLogHandler([](const std::string& line) {
+        std::lock_guard<std::mutex> lock(logMutex);
+        logged.push_back(line);
+    });
     parlex::AndroidServer server;
     server.registerFactory("Echo", [] { return std::make_shared<Echo>(); });
     server.registerFactory("Null", [] { return std::shared_ptr<parlex::AndroidImpl>(); });

@@ -84,6 +84,12 @@ public:
         }
     }
 
+    // Writes `line` to the child's stdin, which must still be open (else SIGPIPE).
+    bool writeLine(const std::string& line) {
+        const std::string text = line + "\n";
+        return ::write(stdin_.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    }
+
     bool running() const { return pid_ > 0; }
     // Ends the child with SIGKILL and reaps it.
     void kill() {

@@ -6,22 +6,30 @@
 //    A directory the transport creates gets mode 0700 and the socket 0600 (or the octal mode in
 //    $PARLEX_SOCKET_MODE), so only the same user can connect unless the integrator widens it.
 //  - Every send blocks its caller until the reply, with no time-out. Incoming requests never run
-//    on a thread that waits for a reply, so a handler may call the other side.
+//    on a thread that waits for a reply, so a handler may call the other side, and a handler
+//    waiting for such a nested call does not hold up the requests it may depend on.
 //  - A handler's exception, or a method without handler, comes back to the caller as a
-//    std::runtime_error carrying the message. A dead peer fails every pending and later send
-//    with dead_object; each proxy of a client connection then receives "death" exactly once.
-//  - Blobs above 16 KiB travel as sealed memfd regions; a message above 1 MiB is refused.
+//    std::runtime_error carrying the message; so does a call that fails for a reason local to
+//    either process (a message above the limit, no descriptor left for it), which leaves the
+//    connection as it was. A dead peer fails every pending and later send with dead_object;
+//    each proxy of a client connection then receives "death" exactly once.
+//  - Blobs above 16 KiB travel as sealed memfd regions; a message above 1 MiB, its blobs
+//    included, is refused.
+//  - Objects a client created are released on a transport thread (the connection's own, or
+//    the server's accept thread), never inside an AndroidImpl::send() or a future's get().
 //
 // AndroidServer and AndroidImpl have no virtual functions: classes deriving from them rely on
 // that for their layout.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "parlex/AndroidParcel.h"
 #include "parlex/parlex.h"
@@ -41,13 +49,25 @@ class ServerState;
 class ProxyRoute;
 }  // namespace transport
 
-// Largest message, arguments and descriptors' indices included, that either side sends.
+// Largest message, arguments, blobs and descriptors' indices included, that either side sends
+// or accepts.
 constexpr size_t kMaxMessageSize = 1024 * 1024;
-// Threads a connection's side may run to handle incoming messages concurrently.
+// Threads a connection's side may run to handle incoming messages concurrently. A handler that
+// waits for the answer to a call of its own does not count while it waits.
 constexpr size_t kMaxHandlerThreadsPerConnection = 16;
+// Handlers of a connection's side that may wait for answers at once; a handler whose wait would
+// go beyond it gets std::runtime_error instead of waiting.
+constexpr size_t kMaxWaitingHandlersPerConnection = 64;
+// Clients a server serves at once; it logs and closes a connection beyond it, and the client's
+// AndroidClient constructor throws std::runtime_error.
+constexpr size_t kMaxConnectionsPerServer = 64;
+// How long a server waits for a new connection's greeting, which AndroidClient sends as soon as
+// it has connected, before it drops the connection.
+constexpr std::chrono::milliseconds kGreetingDeadline{3000};
 
-// Where the transport reports what it can not hand to anyone: a malformed frame from a peer,
-// a peer disconnected for it. The default writes the line to stderr.
+// Where the transport reports what it can not hand to anyone: a malformed frame from a peer and
+// its disconnection, a client refused or dropped for the limits above, a server out of
+// descriptors. The default writes the line to stderr.
 void setLogHandler(std::function<void(const std::string&)> handler);
 
 class AndroidClient {
@@ -78,7 +98,17 @@ public:
     AndroidProxy(const AndroidProxy&) = delete;
     AndroidProxy& operator=(const AndroidProxy&) = delete;
 
+    // As ProxyBase::bind. A "death" that came before its handler was bound (while the proxy was
+    // being constructed) is delivered once that handler is bound through this function.
+    template <typename F, int R = detail::hasResult<F>()>
+    void bind(const std::string& name, F f) {
+        ProxyBase::bind<F, R>(name, std::move(f));
+        if (name == "death") deathBound();
+    }
+
 private:
+    void deathBound();
+
     std::shared_ptr<transport::ClientConnection> connection_;
     std::shared_ptr<transport::ProxyRoute> route_;
 };

@@ -1,0 +1,110 @@
+// The client of the server tests: `track_client <count> [hold]` holds <count> bare proxies of the
+// track type, numbered from 0, and plays any client, well-behaved or not, as told on stdin:
+//   <i> <request> <hex>  sends <request> on proxy i with the argument bytes <hex> ("-": none)
+//                        and prints "reply <hex>" or "error <what>"
+//   buffer <n>           "getBuffer" answers <n> bytes from now on (-1: as asked); prints "ok"
+//   release              lets the first event, which "hold" keeps in its handler, return
+// Events print "event <i> <name> <hex>", the callback "getBuffer <i> <size>".
+#include <parlex/binder.h>
+
+#include <atomic>
+#include <cstdio>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "parlex/TrackProtocol.h"
+
+namespace {
+
+// Whole lines: stdio locks the stream for each call.
+void say(const std::string& line) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+// Arguments as raw bytes: those the test encoded, or whatever an event or a reply carries.
+struct Raw {
+    std::vector<uint8_t> bytes;
+
+    std::string hex() const {
+        std::string text;
+        for (uint8_t byte : bytes) {
+            text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
+        }
+        return text.empty() ? "-" : text;
+    }
+};
+parlex::AndroidParcel& operator<<(parlex::AndroidParcel& parcel, const Raw& raw) {
+    parcel->write(raw.bytes.data(), raw.bytes.size());
+    return parcel;
+}
+const parlex::AndroidParcel& operator>>(const parlex::AndroidParcel& parcel, Raw& raw) {
+    const android::Parcel& data = *parcel.parcel();
+    raw.bytes.assign(data.data() + data.dataPosition(), data.data() + data.dataSize());
+    data.setDataPosition(data.dataSize());
+    return parcel;
+}
+
+std::atomic<int> bufferBytes{-1};
+std::atomic<bool> holdFirst{false};
+std::promise<void> release;
+const std::shared_future<void> released = release.get_future().share();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace orv::protocol;
+    holdFirst = argc > 2 && std::string(argv[2]) == "hold";
+    parlex::AndroidClient client(kServiceName);
+    std::vector<std::unique_ptr<parlex::AndroidProxy>> proxies;
+    for (int i = 0; i < std::stoi(argv[1]); ++i) {
+        proxies.push_back(std::make_unique<parlex::AndroidProxy>(&client, kObjectType));
+        const std::string who = std::to_string(i);
+        for (const char* name :
+             {kCloseAudioSource, kOnFirstByteRead, kOnPlaybackStarted, kOnPlaybackFinished,
+              kOnPlaybackError, kOnPlaybackPaused, kOnPlaybackResumed, kOnPlaybackStopped,
+              kOnBufferUnderrun, kOnBufferRefilled, kOnBufferingComplete,
+              kOnStreamMetadataExtracted, kOnStopRequested, kOnSeeked, kOnLicenseAvailable,
+              kOnFirstDataSegmentAvailable}) {
+            proxies.back()->bind(name, [who, name](Raw args) {
+                say("event " + who + " " + name + " " + args.hex());
+                if (holdFirst.exchange(false)) released.wait();
+            });
+        }
+        proxies.back()->bind(kGetBuffer, [who](int size) {
+            say("getBuffer " + who + " " + std::to_string(size));
+            const int count = bufferBytes < 0 ? size : bufferBytes.load();
+            std::vector<uint8_t> bytes(static_cast<size_t>(count));
+            for (size_t k = 0; k < bytes.size(); ++k) bytes[k] = static_cast<uint8_t>(k % 251);
+            return parlex::AndroidBuffer(static_cast<unsigned int>(count), bytes.data(), true);
+        });
+    }
+    say("ready");
+    for (std::string line; std::getline(std::cin, line);) {
+        std::string first, name, args;
+        std::istringstream(line) >> first >> name >> args;
+        if (first == "buffer") {
+            bufferBytes = std::stoi(name);
+            say("ok");
+        } else if (first == "release") {
+            release.set_value();
+        } else {
+            Raw arg;
+            for (size_t k = 0; args != "-" && k + 1 < args.size(); k += 2) {
+                arg.bytes.push_back(
+                    static_cast<uint8_t>(std::stoi(args.substr(k, 2), nullptr, 16)));
+            }
+            try {
+                say("reply " + proxies.at(std::stoul(first))->call(name, arg).as<Raw>().hex());
+            } catch (const std::exception& error) {
+                say(std::string("error ") + error.what());
+            }
+        }
+    }
+    client.stop();
+    return 0;
+}

@@ -1,0 +1,361 @@
+// The server half between a GoogleMock player and clients in other processes (track_client).
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <orv/AudioServerImpl.h>
+#include <orv/ZEMAudioServer.h>
+
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "common/RecordCodec.h"
+#include "support/MockPlayer.h"
+#include "support/Process.h"
+#include "support/RecordingLogSink.h"
+
+namespace orv::test {
+namespace {
+
+using namespace ::testing;
+using namespace parlex::test;
+
+constexpr const char* kTrack = "ZEMServerTrack";
+
+// The wire bytes of `values` in hex, as the peer takes and prints arguments, replies and events.
+template <typename... T>
+std::string hex(const T&... values) {
+    parlex::AndroidParcel parcel;
+    ((parcel << values), ...);
+    std::string text;
+    for (const uint8_t* byte = parcel->data(); byte < parcel->data() + parcel->dataSize(); ++byte) {
+        text += {"0123456789abcdef"[*byte >> 4], "0123456789abcdef"[*byte & 15]};
+    }
+    return text.empty() ? "-" : text;
+}
+
+template <typename Source = ZEMAudioSource>
+Source source(int32_t type, uint32_t channels = 2, uint32_t bits = 16, bool isSigned = true,
+              int32_t layout = 1) {
+    Source made;
+    made.type = type;
+    made.format = {0, 48000, bits, channels, isSigned, layout, 9};
+    made.setClusterId("c");
+    made.setUrl("https://a");  // looked at only in a URL source
+    return made;
+}
+
+class ServerTest : public Test {
+protected:
+    ServerTest() {
+        ON_CALL(*player, setSource).WillByDefault([this](const SourceConfig& config, const char*) {
+            std::lock_guard<std::mutex> lock(configsMutex);
+            configs.push_back(config);
+            return 99 + static_cast<long long>(configs.size());
+        });
+    }
+    // A client with `tracks` tracks (the first client's are 0, 1...); setPcm opens one's source.
+    Process& client(int tracks, const char* hold = "") {
+        peers.push_back(std::make_unique<Process>(
+            std::vector<std::string>{TRACK_CLIENT_PATH, std::to_string(tracks), hold}));
+        EXPECT_EQ(peers.back()->readLine(), "ready");
+        return *peers.back();
+    }
+    // ThreadSanitizer does not see the pipe and socket between this thread and the server's; the
+    // sink's lock, which the server takes to log before it calls the player, orders them.
+    std::string send(Process& peer, const std::string& command) {
+        sink->size();
+        peer.writeLine(command);
+        return peer.readLine().value_or("(no answer)");
+    }
+    void setPcm(Process& peer, int track, long long id) {
+        EXPECT_EQ(send(peer, std::to_string(track) + " setZEMAudioSource " + hex(source(0))),
+                  "reply " + hex(id));
+    }
+
+    PrivateRuntimeDir runtimeDir;
+    std::shared_ptr<NiceMock<MockPlayer>> player = std::make_shared<NiceMock<MockPlayer>>();
+    std::shared_ptr<RecordingLogSink> sink = std::make_shared<RecordingLogSink>();
+    std::mutex configsMutex;            // guards: configs
+    std::vector<SourceConfig> configs;  // every source the player opened: ids 100, 101...
+    std::unique_ptr<ZEMAudioServer> server = std::make_unique<ZEMAudioServer>(player, sink);
+    AudioServerImpl* impl = static_cast<AudioServerImpl*>(player->delegate.load());
+    std::vector<std::unique_ptr<Process>> peers;
+};
+
+TEST_F(ServerTest, RequestReachesPlayerWithCurrentSourceIdAndAMalformedOneChangesNothing) {
+    const MediaPlayerStateV2 state(6, 2, MediaPlayerProtection("p", true), "hls");
+    // Other source ids or values get the mock's default results, as the other records do.
+    ON_CALL(*player, play(100)).WillByDefault(Return(3));
+    ON_CALL(*player, stop(100)).WillByDefault(Return(4));
+    ON_CALL(*player, pause(100)).WillByDefault(Return(5));
+    ON_CALL(*player, resume(100)).WillByDefault(Return(-6));
+    ON_CALL(*player, seekTo(100, 1500, true)).WillByDefault(Return(7));
+    ON_CALL(*player, getOffset(100)).WillByDefault(Return(1234));
+    ON_CALL(*player, newDecryptKey(100, StrEq("key"))).WillByDefault(Return(8));
+    ON_CALL(*player, setVolume(0.5f, 100)).WillByDefault(Return(9));
+    ON_CALL(*player, setFocusSessionId(4294967295u, 100)).WillByDefault(Return(10));
+    ON_CALL(*player, getMediaPlayerStateV2(100)).WillByDefault(Return(state));
+    Process& peer = client(1);  // the player is set up before the server's threads first call it
+    setPcm(peer, 0, 100);
+    const std::string pcm = hex(source(0));
+    struct Row {
+        std::string request, args, answer;  // answer "error": the request is refused
+        LogLevel level = LOG_TRACE;         // of the line logged, "<request>:sourceId=100<values>"
+        std::string values = "";
+    };
+    for (const Row& row : std::vector<Row>{
+             {"seekTo", hex(1500), "error"},                                 // the flag is missing
+             {"setZEMAudioSource", pcm.substr(0, pcm.size() - 8), "error"},  // a text cut off
+             {"setSource", hex(source(0).format, 5), "error"},  // a text's length, no text
+             {"setZEMAudioSourceMediaDescription", pcm + hex(-1, 0, -1, -1, -1, -1, 21), "error"},
+             {"play", hex(1), "error"},  // bytes after the arguments
+             {"play", "-", hex(3)},
+             {"stop", "-", hex(4)},
+             {"pause", "-", hex(5)},
+             {"resume", "-", hex(-6)},
+             {"seekTo", hex(1500, 7), hex(7), LOG_LIFECYCLE, ", offsetInMs=1500, fromStart=1"},
+             {"getOffset", "-", hex(1234), LOG_DATA},
+             {"newDecryptKey", hex(std::string("key")), hex(8), LOG_DEPRECATED},
+             {"setVolume", hex(0.5f), hex(9), LOG_TRACE, ",volume=0.500000"},
+             {"setFocusSessionId", hex(-1), hex(10), LOG_TRACE, ",focusSessionId=4294967295"},
+             {"getMediaPlayerState", "-", hex(MediaPlayerState())},
+             {"getMediaPlayerStateV2", "-", hex(state)},
+             {"getPlaybackAttributes", "-", hex(PlaybackAttributes())},
+             {"getPlaybackReports", "-", hex(PlaybackReports())},
+             {"getFingerprint", "-", hex(Fingerprint())},
+             {"getPlaybackReportArray", "-", hex(PlaybackReportArray())}}) {
+        const std::string got = send(peer, "0 " + row.request + " " + row.args);
+        const bool refused = row.answer == "error";
+        EXPECT_EQ(refused ? got.substr(0, 6) : got, refused ? "error " : "reply " + row.answer)
+            << row.request << " " << row.args;
+        if (refused) continue;
+        EXPECT_EQ(sink->entries().back(),
+                  (LogEntry{row.level, kTrack, row.request + ":sourceId=100" + row.values}));
+    }
+    EXPECT_CALL(*player,
+                releaseSource(100));  // once: a second "destroy" does nothing, logs nothing
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(send(peer, "0 destroy -"), "reply -");
+    EXPECT_EQ(sink->entries().back(),
+              (LogEntry{LOG_LIFECYCLE, "AudioServerImpl", "removeTrack:trackId=0"}));
+}
+
+TEST_F(ServerTest, SourceIsCheckedAndConvertedForThePlayer) {
+    Process& peer = client(1);
+    const MediaDescription none;
+    auto mono32 = source<ZEMAudioSourceV2>(kSourceTypePcm, 1, 32);
+    mono32.param3 = 0x100000005;  // only the low 32 bits reach the player
+    auto eightBit = source<ZEMAudioSourceV4>(kSourceTypePcm, 2, 8);
+    eightBit.param7 = true;
+    eightBit.volumeGain = 0.25f;
+    auto url = source<ZEMAudioSourceV3>(kSourceTypeUrl);
+    url.param2 = 0x100000007;
+    // type, sample format, channel layout, rate, start offset, param3, param7, gain
+    using Fields = std::tuple<int, int, uint64_t, uint32_t, int, int, bool, float>;
+    size_t count = 0;  // sources opened
+    for (const auto& [command, opened] : std::vector<std::pair<std::string, std::optional<Fields>>>{
+             {"setZEMAudioSource " + hex(source(0)), Fields{0, 0, 3, 48000, 9, 0, false, 1}},
+             {"setZEMAudioSourceV2MediaDescription " + hex(mono32, none),
+              Fields{0, 2, 4, 48000, 9, 5, false, 1}},
+             {"setZEMAudioSourceV4MediaDescription " + hex(eightBit, none),
+              Fields{0, -1, 3, 48000, 9, 0, true, 0.25f}},
+             {"setSource " + hex(source(0).format, "c"), Fields{0, 0, 3, 48000, 9, 0, false, 0}},
+             {"setZEMAudioSourceV3MediaDescription " + hex(url, none),
+              Fields{1, 0, 0, 0, 7, 0, false, 1}},
+             {"setZEMAudioSource " + hex(source(0, 2, 16, true, 2)), std::nullopt},  // rejected
+             {"setZEMAudioSource " + hex(source(0, 2, 24)), std::nullopt},
+             {"setZEMAudioSource " + hex(source(0, 3, 16)), std::nullopt},
+             {"setZEMAudioSource " + hex(source(0, 2, 16, false)), std::nullopt},
+             {"setSource " + hex(source(0, 1).format, "c"), std::nullopt},
+             {"setZEMAudioSource " + hex(source(5)), std::nullopt}}) {  // unknown type: no log
+        const std::string reply = send(peer, "0 " + command);
+        std::lock_guard<std::mutex> lock(configsMutex);
+        ASSERT_EQ(configs.size(), opened ? ++count : count) << command;
+        EXPECT_EQ(reply, "reply " + hex(99 + static_cast<long long>(count))) << command;
+        if (!opened) continue;
+        const SourceConfig& c = configs.back();
+        EXPECT_EQ(std::tie(c.type, c.sampleFormat, c.channelLayout, c.sampleRate, c.startOffset,
+                           c.param3, c.param7, c.volumeGain),
+                  *opened)
+            << command;
+    }
+    EXPECT_EQ(sink->count(LOG_ERROR, "toORVFormat:Unsupported sample size=8"), 1u);
+    EXPECT_EQ(sink->count(LOG_LIFECYCLE, "setSource:clusterId=c,url=[redacted],"), 1u);
+    EXPECT_EQ(sink->count(LOG_LIFECYCLE, "setSource:unsupported format"), 5u);
+}
+
+TEST_F(ServerTest, SameSourceOpensBeforeReleaseAndEveryNewSourceGetsVolumeAndFocus) {
+    Process& peer = client(1);
+    MediaDescription third;
+    third.thirdText = new char[2]{'t', 0};
+    auto urlA = source<ZEMAudioSourceV4>(kSourceTypeUrl);
+    auto urlB = urlA;
+    urlB.setUrl("https://b");
+    {
+        InSequence order;
+        EXPECT_CALL(*player, setVolume(0.5f, 0));
+        EXPECT_CALL(*player, setSource(_, StrEq("c")));
+        EXPECT_CALL(*player, setVolume(0.5f, 100));
+        EXPECT_CALL(*player, setFocusSessionId(0u, 100));
+        EXPECT_CALL(*player, setFocusSessionId(7u, 100));
+        EXPECT_CALL(*player, setSource(_, _));  // the same source: the new one opens first
+        EXPECT_CALL(*player, setVolume(0.5f, 101));
+        EXPECT_CALL(*player, setFocusSessionId(7u, 101));
+        EXPECT_CALL(*player, releaseSource(100));
+        EXPECT_CALL(*player, releaseSource(101));  // another URL: the old one goes first
+        EXPECT_CALL(*player, setSource(_, _));
+        EXPECT_CALL(*player, setVolume(0.5f, 102));
+        EXPECT_CALL(*player, setFocusSessionId(7u, 102));
+        EXPECT_CALL(*player, releaseSource(102));  // when the client goes
+    }
+    const std::string set = "0 setZEMAudioSourceV4MediaDescription ";
+    for (const std::string& command :
+         {"0 setVolume " + hex(0.5f), set + hex(urlA, third), "0 setFocusSessionId " + hex(7),
+          set + hex(urlA, third), set + hex(urlB, third)}) {
+        EXPECT_THAT(send(peer, command), StartsWith("reply "));
+    }
+    EXPECT_EQ(sink->count(LOG_TRACE, "releaseSourceId:"), 1u);
+    EXPECT_TRUE(sink->contains("releaseSourceId:sourceId=101"));
+}
+
+TEST_F(ServerTest, GetDataAsksAtMost12288AndNeverWritesPastWhatItAsked) {
+    Process& peer = client(1);
+    setPcm(peer, 0, 100);
+    // size the player offers, bytes the client answers (-1: as asked), bytes asked, result
+    using Row = std::tuple<int, int, int, int>;
+    for (auto [size, answered, asked, result] :
+         {Row{16383, -1, 16383, 16383}, Row{16384, -1, 12288, 12288}, Row{65536, -1, 12288, 12288},
+          Row{4096, 0, 4096, -1}, Row{100, 20000, 100, 100}}) {
+        EXPECT_EQ(send(peer, "buffer " + std::to_string(answered)), "ok");
+        std::vector<uint8_t> buffer(static_cast<size_t>(size) + 1, 0xEE);
+        EXPECT_EQ(impl->getData(buffer.data(), static_cast<unsigned int>(size), 100), result);
+        EXPECT_EQ(peer.readLine(), "getBuffer 0 " + std::to_string(asked));
+        for (int k = 0; k < result; ++k) ASSERT_EQ(buffer[k], k % 251) << size << " at " << k;
+        EXPECT_EQ(buffer[result < 0 ? 0 : result], 0xEE) << size;
+    }
+    EXPECT_EQ(sink->count(LOG_ERROR, "getData:reply of 20000 bytes cut to the 100 asked for"), 1u);
+    sink->clear();
+    EXPECT_EQ(impl->getData(nullptr, 10, 0x100000003), -1);  // only the low 32 bits are printed
+    impl->onBufferUnderrunStarted(3, MediaPlayerStateV2());  // named as the host named it
+    EXPECT_EQ(sink->count(LOG_ERROR, "getTrack:cannot find track, sourceId=3"), 2u);
+    for (const std::string report : {"getData", "onBufferUnderrunStarted"}) {
+        EXPECT_EQ(sink->count(LOG_ERROR, report + ":no track found, sourceId=3"), 1u);
+    }
+}
+
+TEST_F(ServerTest, ReportAndMetadataReachTheirClientsUnderTheirWireNamesArgumentsInOrder) {
+    Process& peer = client(3);  // track 2 has no source
+    for (int track : {0, 1}) setPcm(peer, track, 100 + track);
+    MediaClientDelegate& d = *impl;  // as the player sees the server
+    const MediaPlayerStateV2 a(1000, 2, MediaPlayerProtection("drm", true), "live");
+    const MediaPlayerStateV2 b(5000, 3, MediaPlayerProtection(), nullptr);
+    MetadataKeyValuePairs pairs;
+    pairs.pairs[pairs.count++] = MetadataKeyValuePair("k", "v");
+    const long long id = 101;
+    const std::string at = "sourceId=101, offsetMs=1000";
+    // What the player reports, the event the client gets, its arguments, the level-2 line.
+    for (const auto& [report, event, args, text] :
+         std::vector<std::tuple<std::function<void()>, std::string, std::string, std::string>>{
+             {[&] { d.onStopRequested(id); }, "onStopRequested", hex(id), "sourceId=101"},
+             {[&] { d.onFirstByteRead(id, a); }, "onFirstByteRead", hex(id, a),
+              at + ", playlistType=live"},
+             {[&] { d.onPlaybackStarted(id, a); }, "onPlaybackStarted", hex(id, a), at},
+             {[&] { d.onPlaybackFinished(id, a); }, "onPlaybackFinished", hex(id, a), at},
+             {[&] { d.onPlaybackError(id, ErrorType(3), "bad", a); }, "onPlaybackError",
+              hex(id, 3, std::string("bad"), a), "sourceId=101, type=3, error=bad, offsetMs=1000"},
+             {[&] { d.onPlaybackPaused(id, a); }, "onPlaybackPaused", hex(id, a), at},
+             {[&] { d.onPlaybackResumed(id, a); }, "onPlaybackResumed", hex(id, a), at},
+             {[&] { d.onPlaybackStopped(id, a); }, "onPlaybackStopped", hex(id, a), at},
+             {[&] { d.onBufferUnderrunStarted(id, a); }, "onBufferUnderrun", hex(id, a), at},
+             {[&] { d.onBufferUnderrunEnded(id, a); }, "onBufferRefilled", hex(id, a), at},
+             {[&] { d.onBufferingComplete(id, a); }, "onBufferingComplete", hex(id, a), at},
+             {[&] { d.onStreamMetadataExtracted(id, a, pairs); }, "onStreamMetadataExtracted",
+              hex(id, a, pairs), at},
+             {[&] { d.onSeeked(id, a, b); }, "onSeeked", hex(id, a, b),
+              "sourceId=101, beforeSeekOffsetMs=1000, afterSeekOffsetMs=5000"},
+             {[&] { d.onLicenseAvailable(id); }, "onLicenseAvailable", hex(id), "sourceId=101"},
+             {[&] { d.onFirstDataSegmentAvailable(id); }, "onFirstDataSegmentAvailable", hex(id),
+              "sourceId=101"},
+             {[&] { d.closeDataSource(id); }, "closeAudioSource", "-", " "}}) {
+        report();
+        EXPECT_EQ(peer.readLine(), "event 1 " + event + " " + args);
+        EXPECT_THAT(sink->entries(), Contains(LogEntry{LOG_TRACE, kTrack, event + ":" + text}));
+    }
+    // A metadata update goes to every live track: the marker, then at most 19 entries by key.
+    for (int entries : {0, 25}) {
+        std::map<std::string, std::string> metadata;
+        MetadataKeyValuePairs expected;
+        expected.pairs[expected.count++] =
+            MetadataKeyValuePair("com.tarnek.kolvo.metadata.update", "true");
+        for (char key[] = "ka"; key[1] < 'a' + entries; ++key[1]) {  // "ka" < "kb" < ...
+            metadata[key] = key + std::string("v");
+        }
+        for (char key[] = "ka"; key[1] < 'a' + (entries < 19 ? entries : 19); ++key[1]) {  // by key
+            expected.pairs[expected.count++] = MetadataKeyValuePair(key, metadata[key].c_str());
+        }
+        impl->updateMetadata(metadata);
+        for (long long track : {0, 1, 2}) {
+            EXPECT_EQ(peer.readLine(),
+                      "event " + std::to_string(track) + " onStreamMetadataExtracted " +
+                          hex(track == 2 ? 0 : 100 + track, MediaPlayerStateV2(), expected));
+        }
+    }
+}
+
+TEST_F(ServerTest, EventsOfATrackNeverOverlapAudioFlowsBetweenAndADeadClientOnlyLogs) {
+    Process& peer = client(1, "hold");
+    setPcm(peer, 0, 100);
+    const MediaPlayerStateV2 state;
+    auto first = std::async(std::launch::async, [&] { impl->onPlaybackStarted(100, state); });
+    EXPECT_EQ(peer.readLine(), "event 0 onPlaybackStarted " + hex(100LL, state));
+    auto second = std::async(std::launch::async, [&] { impl->onPlaybackPaused(100, state); });
+    ASSERT_TRUE(sink->waitForMessage("onPlaybackPaused:"));  // logged before it waits its turn
+    uint8_t buffer[64];
+    EXPECT_EQ(impl->getData(buffer, sizeof buffer, 100), 64);
+    EXPECT_EQ(peer.readLine(), "getBuffer 0 64");  // and not the second event yet
+    peer.writeLine("release");
+    EXPECT_EQ(peer.readLine(), "event 0 onPlaybackPaused " + hex(100LL, state));
+    first.get();
+    second.get();
+    const auto track = impl->getTrack(100);  // outlives its client
+    peer.kill();
+    impl->onPlaybackStarted(100, state);  // returns
+    EXPECT_EQ(sink->count(LOG_ERROR, "remoteEvent:client is dead"), 1u);
+}
+
+TEST_F(ServerTest, RegistryKeepsTheOldestOwnerNeverReusesIdsAndOutlivesItsTracks) {
+    ON_CALL(*player, setSource).WillByDefault(Return(5));
+    Process& first = client(3);
+    for (int track = 0; track < 3; ++track) setPcm(first, track, 5);
+    uint8_t byte = 0;
+    impl->getData(&byte, 1, 5);
+    EXPECT_EQ(first.readLine(), "getBuffer 0 1");
+    EXPECT_CALL(*player, releaseSource(5)).Times(3);  // by "destroy", then as the client dies
+    EXPECT_EQ(send(first, "0 destroy -"), "reply -");
+    impl->getData(&byte, 1, 5);
+    EXPECT_EQ(first.readLine(), "getBuffer 1 1");
+    first.kill();
+    ASSERT_TRUE(waitUntil([&] { return sink->count(LOG_LIFECYCLE, "removeTrack:trackId=") == 3; }));
+    // The server goes while a request of the next client's tracks 3 and 4 is in the player.
+    Process& second = client(2);
+    std::promise<void> inside;
+    EXPECT_CALL(*player, play(0)).WillOnce([&](long long) {
+        inside.set_value();
+        sink->waitForMessage("~AudioServerImpl");
+        return 1;
+    });
+    EXPECT_TRUE(sink->contains("createNewTrack:created, trackId=3"));  // and orders, see send()
+    second.writeLine("0 play -");
+    ASSERT_EQ(inside.get_future().wait_for(kTimeout), std::future_status::ready);
+    EXPECT_CALL(*player, releaseSource(0)).Times(2);
+    server.reset();  // under the address sanitizer: no track outlives the registry it leaves
+    EXPECT_EQ(sink->count(LOG_LIFECYCLE, "removeTrack:trackId="), 5u);
+}
+
+}  // namespace
+}  // namespace orv::test
