@@ -5,8 +5,6 @@
 // EXACT being 1 when they continued the listener's byte pattern. Ends with stdin.
 #include <orv/ZEMAudioServer.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <iostream>
 
 #include "support/MockPlayer.h"
@@ -23,8 +21,7 @@ void say(const char* name, const Args&... args) {
     std::string line = name;
     ((line += " " + text(args)), ...);
     std::lock_guard<std::mutex> lock(mutex);
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
+    std::cout << line << std::endl;
 }
 
 // A player call that writes its line and returns `result`.
@@ -86,14 +83,13 @@ int run() {
         int count = 0, size = 0;
         std::cin >> count >> size;
         std::vector<uint8_t> buffer(static_cast<size_t>(size));
-        long long pulled = 0;
+        const long long before = streamed;
         bool exact = true;
         for (int i = 0; i < count; ++i) {
             const int got = player->delegate.load()->getData(buffer.data(), size, kSourceId);
             for (int j = 0; j < got; ++j) exact = exact && buffer[j] == patternByte(streamed++);
-            pulled += std::max(got, 0);
         }
-        say("pulled", pulled, exact);
+        say("pulled", streamed - before, exact);
     }
     return 0;
 }

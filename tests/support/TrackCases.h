@@ -1,15 +1,13 @@
-// What the client tests compare against: a listener of all three versions that journals each
-// call and supplies an endless byte pattern, one text form for every record, and every request
-// and player event with what must come out at each end. The player_service peer answers and
-// fires events with the values here.
+// What the client tests compare against: a listener that journals its calls, the text form of
+// every record, and every request and player event with what must come out at each end.
 #pragma once
 
 #include <orv/EventListener.h>
 #include <orv/Records.h>
 #include <orv/ZEMAudioTrack.h>
 
+#include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -56,8 +54,7 @@ inline std::string text(const MetadataKeyValuePairs& m) {
     return text(m.count) + ":" + join(m.pairs[0].key, m.pairs[0].value);
 }
 
-// The level at which a listener journals its calls.
-constexpr LogLevel kCall = LogLevel(0);
+constexpr LogLevel kCall = LogLevel(0);  // the level at which listeners journal their calls
 
 // Journals each call as a line "name args" at kCall, tagged `tag`, into the client's log sink,
 // so that tests see the calls in order among the client's lines. Registered under one version.
@@ -69,20 +66,14 @@ public:
     using C = const char*;
     RecordingListener(std::shared_ptr<RecordingLogSink> journal, std::string tag)
         : journal_(std::move(journal)), tag_(std::move(tag)) {}
-    // getBuffer's count for the size asked (the pattern advances by the bytes that fit), and what
-    // runs after each call is journaled. Calls come on several transport threads, hence the lock.
-    void setCount(std::function<int(int)> count) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        count_ = std::move(count);
-    }
-    void setThen(std::function<void()> then) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        then_ = std::move(then);
-    }
+    // getBuffer's count for the size asked (the pattern advances by the bytes that fit) and what
+    // runs after each call is journaled. Set before the listener is registered: the calls come
+    // on transport threads.
+    std::function<int(int size)> count = [](int size) { return size; };
+    std::function<void()> then = [] {};
 
     int getBuffer(uint8_t* buffer, int size) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const int n = count_(size);
+        const int n = count(size);
         for (int i = 0; i < n && i < size; ++i) buffer[i] = patternByte(supplied_++);
         return n;
     }
@@ -119,18 +110,12 @@ private:
         std::string line = name;
         ((line += " " + text(args)), ...);
         journal_->logMessage(kCall, tag_.c_str(), line.c_str());
-        std::unique_lock<std::mutex> lock(mutex_);
-        const std::function<void()> then = then_;
-        lock.unlock();
         then();
     }
 
     const std::shared_ptr<RecordingLogSink> journal_;
     const std::string tag_;
-    std::mutex mutex_;  // guards: count_, then_, supplied_
-    std::function<int(int)> count_ = [](int size) { return size; };
-    std::function<void()> then_ = [] {};
-    uint64_t supplied_ = 0;
+    std::atomic<uint64_t> supplied_{0};
 };
 
 constexpr long long kSourceId = 7;
@@ -139,9 +124,8 @@ inline MediaPlayerStateV2 eventState() {
 }
 inline MediaPlayerStateV2 seekedState() { return MediaPlayerStateV2(5000, 4, {}, nullptr); }
 
-// Each player event, in the order the player_service peer fires them, with the name the client
-// binds, what a version 3 or 2 and a version 1 listener record (nothing: version 3 only) and the
-// client's level-2 line.
+// Each player event in the order the peer fires them: the name the client binds, the call a
+// version 3 or 2 and a version 1 listener gets (none: version 3 only), the client's line.
 struct EventRow {
     std::string name, newer, v1, log;
 };
@@ -183,8 +167,8 @@ Source urlSource() {
     return source;
 }
 
-// A request: the method name sent, the client's line before it (none when null), the call, its
-// result when it fails, the player call it leads to and its result when the player answers.
+// A request: the name sent, the client's line (none if null), the call, its result on failure,
+// the call the player_service peer's player gets and the result of its answer.
 template <typename Track>
 struct RequestRow {
     const char* method;
