@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
     auto listener = std::make_shared<ToneListener>(uint64_t{kSampleRate} * seconds);
     auto log = std::make_shared<StderrLog>();
     if (!track->init(std::shared_ptr<orv::EventListenerV3>(listener), log)) {
-        std::fprintf(stderr, "the audio service is not running\n");
+        std::fprintf(stderr, "could not connect to the audio service\n");
         return 1;
     }
 
