@@ -15,6 +15,10 @@
 // case with its raw twin. Thread wake-ups are counted as the context switches of every thread of
 // both processes (from /proc), before and after the timed calls.
 //
+// The whole track path (TrackPath.h) runs beside these cases in the same two processes: a
+// facade's play() to the other process's player and back, and a player's getData pull through
+// the server from the other process's application.
+//
 // Besides Google Benchmark's flags the binary takes --pin=none|same|split, which places the two
 // processes on CPUs (see "Where the two processes run"); scripts/bench.sh holds the flags behind
 // BENCHMARKS.md.
@@ -47,6 +51,7 @@
 #include <thread>
 #include <vector>
 
+#include "TrackPath.h"
 #include "common/RecordCodec.h"
 
 extern char** environ;
@@ -259,7 +264,7 @@ void bindClientHandlers(ClientSide& proxy, std::vector<uint8_t>& audio) {
     });
 }
 
-int runPeer(int rawFd, int cpu) {
+int runPeer(int rawFd, int cpu, const std::string& trackDir) {
     pinTo(cpu);
     parlex::AndroidServer server;
     server.registerFactory(kObjectType, [] {
@@ -276,13 +281,19 @@ int runPeer(int rawFd, int cpu) {
     parlex::AndroidProxy proxy(&client, kObjectType);
     bindClientHandlers(proxy, audio);
 
+    // The track path: this process's audio service in a directory of its own, and its track
+    // playing through the benchmark process's service in the directory this process inherited.
+    trackpath::TrackEnds ends;
+    ends.serve(trackDir);
+    ends.connect(std::getenv("PARLEX_RUNTIME_DIR"));
+
     static const char kReady[] = "ready";
     if (::send(rawFd, kReady, sizeof(kReady), MSG_NOSIGNAL) < 0) {
         throw std::runtime_error(errnoText("peer: announcing readiness"));
     }
     echoUntilClosed(rawFd);
-    // The proxy, the client and the server go in this order: the proxy releases its object in
-    // the benchmark process's service, which is still running.
+    // The track, the proxy, the client and the server go in this order: the track and the proxy
+    // release their objects in the benchmark process's services, which are still running.
     return 0;
 }
 
@@ -342,12 +353,13 @@ private:
 // The peer process: killed and reaped on destruction unless it already exited.
 class PeerProcess {
 public:
-    PeerProcess(int rawFd, int cpu) {
+    PeerProcess(int rawFd, int cpu, std::string trackDir) {
         std::string self = std::filesystem::read_symlink("/proc/self/exe");
         std::string fd = std::to_string(rawFd);
         std::string cpuText = std::to_string(cpu);
-        std::vector<char*> argv = {self.data(), const_cast<char*>(kPeerArgument), fd.data(),
-                                   cpuText.data(), nullptr};
+        std::vector<char*> argv = {self.data(),     const_cast<char*>(kPeerArgument),
+                                   fd.data(),       cpuText.data(),
+                                   trackDir.data(), nullptr};
         int rc = ::posix_spawn(&pid_, self.c_str(), nullptr, nullptr, argv.data(), environ);
         if (rc != 0) {
             pid_ = -1;
@@ -403,6 +415,7 @@ public:
             return track;
         });
         server_.start(kMainService);
+        ends_.serve(dir_.path());
 
         int pair[2];
         if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair) != 0) {
@@ -415,9 +428,10 @@ public:
         if (::fcntl(raw_->get(), F_SETFD, FD_CLOEXEC) != 0) {
             throw std::runtime_error(errnoText("fcntl"));
         }
-        peer_ = std::make_unique<PeerProcess>(peerEnd.get(), peerCpu);
+        peer_ = std::make_unique<PeerProcess>(peerEnd.get(), peerCpu, peerTrackDir_.path());
         peerEnd.reset();
         waitForReady();
+        ends_.connect(peerTrackDir_.path());
 
         client_ = std::make_unique<parlex::AndroidClient>(kPeerService);
         track_ = std::make_unique<parlex::AndroidProxy>(client_.get(), kObjectType);
@@ -425,6 +439,7 @@ public:
 
     // Tears down in the order that lets the peer exit cleanly; returns its wait status.
     int finish() {
+        ends_.disconnect();
         track_.reset();
         client_.reset();
         {
@@ -436,6 +451,7 @@ public:
     }
 
     parlex::AndroidProxy& track() { return *track_; }
+    trackpath::TrackEnds& trackEnds() { return ends_; }
     parlex::AndroidImpl& peerTrack() {
         std::lock_guard<std::mutex> lock(mutex_);
         return *peerTrack_;
@@ -461,9 +477,11 @@ private:
     // Destroyed bottom-up: the peer before the service it talks to, the service before the
     // directory that holds its socket.
     TempDir dir_;
+    TempDir peerTrackDir_;  // the peer's audio service
     parlex::AndroidServer server_;
     std::mutex mutex_;  // guards: peerTrack_ (set by a transport thread)
     std::shared_ptr<parlex::AndroidImpl> peerTrack_;
+    trackpath::TrackEnds ends_;  // this process's audio service and its track in the peer's
     std::unique_ptr<Fd> raw_;
     std::unique_ptr<PeerProcess> peer_;
     std::unique_ptr<parlex::AndroidClient> client_;
@@ -664,6 +682,36 @@ std::function<void()> makeRawCall(int fd, const Case& rpc) {
     };
 }
 
+// A step of the whole track path, with the raw case whose messages have its sizes: play()'s
+// request and reply are those of "ping" (same object identifier and method name lengths, an int
+// back), and getData's pull is the getBuffer callback with its 12288-byte reply.
+struct TrackCase {
+    std::string name;
+    std::string rawTwin;
+    std::function<void()> call;
+};
+
+std::vector<TrackCase> makeTrackCases(trackpath::TrackEnds& ends) {
+    orv::ZEMAudioTrack* track = &ends.track();
+    orv::MediaClientDelegate* delegate = &ends.delegate();
+    auto buffer = std::make_shared<std::vector<uint8_t>>(trackpath::kPlayerRequestBytes);
+    std::vector<TrackCase> cases = {
+        {"track/play", "raw/ping",
+         [track] {
+             if (!track->play()) throw std::runtime_error("play() failed");
+         }},
+        {"track/getData", "raw/getBufferCallback",
+         [delegate, buffer] {
+             const int pulled = delegate->getData(buffer->data(), trackpath::kPlayerRequestBytes,
+                                                  trackpath::kSourceId);
+             if (pulled != trackpath::kPulledBytes) throw std::runtime_error("getData came short");
+         }},
+    };
+    // Each does what it claims before anything is timed.
+    for (const TrackCase& c : cases) c.call();
+    return cases;
+}
+
 // Context switches per call over both processes: "voluntary/involuntary".
 std::string switchesPerCall(const Figures& figures) {
     double calls = static_cast<double>(figures.micros.size());
@@ -674,11 +722,13 @@ std::string switchesPerCall(const Figures& figures) {
     return text;
 }
 
+const Figures* findFigures(const std::map<std::string, Figures>& figures, const std::string& name) {
+    auto it = figures.find(name);
+    return it == figures.end() || it->second.micros.empty() ? nullptr : &it->second;
+}
+
 void printSummary(const std::vector<Case>& cases, const std::map<std::string, Figures>& figures) {
-    auto find = [&figures](const std::string& name) -> const Figures* {
-        auto it = figures.find(name);
-        return it == figures.end() || it->second.micros.empty() ? nullptr : &it->second;
-    };
+    auto find = [&figures](const std::string& name) { return findFigures(figures, name); };
     std::printf(
         "\nAll repetitions pooled. Times in microseconds; ratio = rpc median / raw median; cs = "
         "context switches per call in both processes, voluntary/involuntary.\n");
@@ -699,6 +749,25 @@ void printSummary(const std::vector<Case>& cases, const std::map<std::string, Fi
                     rawMedian, raw ? percentile(raw->micros, 0.99) : NAN, median / rawMedian,
                     local ? percentile(local->micros, 0.5) : NAN, switchesPerCall(*rpc).c_str(),
                     raw ? switchesPerCall(*raw).c_str() : "-");
+    }
+}
+
+void printTrackSummary(const std::vector<TrackCase>& cases,
+                       const std::map<std::string, Figures>& figures) {
+    std::printf(
+        "\nWhole track path, all repetitions pooled. Times in microseconds; ratio = median / "
+        "median of the raw case with the same message sizes.\n");
+    std::printf("%-16s %7s %7s %7s %-24s %8s %6s %10s\n", "case", "median", "p99", "mean",
+                "raw case", "raw med", "ratio", "cs");
+    for (const TrackCase& c : cases) {
+        const Figures* path = findFigures(figures, c.name);
+        const Figures* raw = findFigures(figures, c.rawTwin);
+        if (path == nullptr) continue;
+        const double median = percentile(path->micros, 0.5);
+        const double rawMedian = raw ? percentile(raw->micros, 0.5) : NAN;
+        std::printf("%-16s %7.2f %7.2f %7.2f %-24s %8.2f %6.2f %10s\n", c.name.c_str(), median,
+                    percentile(path->micros, 0.99), mean(path->micros), c.rawTwin.c_str(),
+                    rawMedian, median / rawMedian, switchesPerCall(*path).c_str());
     }
 }
 
@@ -730,9 +799,12 @@ int runBenchmarks(const Placement& placement) {
         add("raw/" + c.name, makeRawCall(session.raw(), c));
         add("local/" + c.name, c.local);
     }
+    const std::vector<TrackCase> trackCases = makeTrackCases(session.trackEnds());
+    for (const TrackCase& c : trackCases) add(c.name, c.call);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     printSummary(cases, figures);
+    printTrackSummary(trackCases, figures);
 
     int status = session.finish();
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
@@ -746,8 +818,8 @@ int runBenchmarks(const Placement& placement) {
 
 int main(int argc, char** argv) {
     try {
-        if (argc == 4 && std::strcmp(argv[1], kPeerArgument) == 0) {
-            return runPeer(std::atoi(argv[2]), std::atoi(argv[3]));
+        if (argc == 5 && std::strcmp(argv[1], kPeerArgument) == 0) {
+            return runPeer(std::atoi(argv[2]), std::atoi(argv[3]), argv[4]);
         }
         benchmark::Initialize(&argc, argv);
         // Our one option; whatever else is left over is a mistake.

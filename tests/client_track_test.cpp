@@ -1,0 +1,162 @@
+// The client half over the real transport, against the real server half with a mock player in
+// a player_service process (EndToEndTest), or against a bare service in this process.
+#include <gtest/gtest.h>
+#include <parlex/binder.h>
+
+#include <atomic>
+#include <memory>
+
+#include "client/ZEMAudioTrackClient.h"
+#include "parlex/TrackProtocol.h"
+#include "support/Process.h"
+#include "support/TrackCases.h"
+
+namespace orv::test {
+namespace {
+
+constexpr const char* kTag = "ZEMAudioTrackClient";
+
+class ClientTest : public ::testing::Test {
+protected:
+    std::unique_ptr<ZEMAudioTrack> connect(std::shared_ptr<EventListenerV3> listener) {
+        std::unique_ptr<ZEMAudioTrack> track(createZEMAudioTrack());
+        EXPECT_TRUE(track->init(std::move(listener), sink_));
+        return track;
+    }
+
+    parlex::test::PrivateRuntimeDir dir_;
+    std::shared_ptr<RecordingLogSink> sink_ = std::make_shared<RecordingLogSink>();
+    std::shared_ptr<RecordingListener> listener_ = std::make_shared<RecordingListener>(sink_, "v3");
+};
+
+class EndToEndTest : public ClientTest {
+protected:
+    // True once the peer writes `line`, skipping the lines before it.
+    bool says(const std::string& line) {
+        while (auto next = peer_.readLine()) {
+            if (*next == line) return true;
+        }
+        return false;
+    }
+    // Runs every request on `on` and checks the client's lines and the result: the player's
+    // answer, once its call has shown up; when `dead`, the default after "server not running".
+    template <typename Track>
+    void expectRequests(Track& on, bool dead) {
+        for (const auto& row : requestRows<Track>()) {
+            SCOPED_TRACE(row.method);
+            sink_->clear();
+            EXPECT_EQ(row.call(on), dead ? row.failed : row.answered);
+            EXPECT_TRUE(dead || says(row.player));
+            std::vector<LogEntry> log;
+            if (row.log != nullptr) log.push_back({row.level, kTag, row.log});
+            if (dead) log.push_back({LOG_ERROR, kTag, "remoteCall:server not running"});
+            EXPECT_EQ(sink_->entries(), log);
+        }
+    }
+
+    parlex::test::Process peer_{{PLAYER_SERVICE_PATH}};
+    const bool ready_ = says("ready");  // before the fixture's proxy connects
+    parlex::AndroidClient client_{protocol::kServiceName};
+    ZEMAudioTrackClient proxy_{sink_, &client_, protocol::kObjectType};
+};
+
+// The newest listener makes a request inside each event; each round releases the newest.
+TEST_F(EndToEndTest, EachPlayerEventReachesOnlyTheNewestListenerWithItsArguments) {
+    ASSERT_EQ(proxy_.setSource(pcmFormat(), "c1"), kSourceId);
+    std::shared_ptr<RecordingListener> listeners[4];
+    for (int v = 1; v <= 3; ++v)
+        listeners[v] = std::make_shared<RecordingListener>(sink_, "v" + text(v));
+    listeners[3]->then = [this] { proxy_.getOffset(); };
+    proxy_.setListener(std::weak_ptr<EventListener>(listeners[1]));
+    proxy_.setListener(std::weak_ptr<EventListenerV2>(listeners[2]));
+    proxy_.setListener(std::weak_ptr<EventListenerV3>(listeners[3]));
+    for (int newest = 3; newest >= 0; listeners[newest--].reset()) {
+        SCOPED_TRACE("newest listener version " + std::to_string(newest));
+        sink_->clear();
+        ASSERT_TRUE(peer_.writeLine("events"));
+        ASSERT_TRUE(says("fired"));
+        std::vector<LogEntry> expected;
+        for (const EventRow& row : eventRows()) {
+            expected.push_back({LOG_TRACE, kTag, row.log});
+            if (newest == 3 || (newest > 0 && !row.v1.empty())) {
+                expected.push_back({kCall, "v" + text(newest), newest == 1 ? row.v1 : row.newer});
+                if (newest == 3) expected.push_back({LOG_DATA, kTag, "getOffset: "});
+            } else {
+                expected.push_back({LOG_ERROR, kTag, row.name + ":No listener found"});
+            }
+        }
+        EXPECT_EQ(sink_->entries(), expected);
+    }
+}
+
+TEST_F(EndToEndTest, PcmArrivesByteExactWithTheListenersCountBroughtIntoRange) {
+    std::atomic<int> written{0};  // what the listener says it wrote; 0: what was asked for
+    listener_->count = [&](int size) { return written != 0 ? written.load() : size; };
+    auto track = connect(listener_);
+    ASSERT_EQ(track->setSource(pcmFormat(), "c1"), kSourceId);
+    // 80 buffers of 12288 bytes (16384 asked): over five seconds of 44.1 kHz 16-bit stereo.
+    ASSERT_TRUE(peer_.writeLine("pull 80 16384"));
+    EXPECT_TRUE(says("pulled 983040 1"));
+    for (int count : {-5, 150}) {
+        const int sent = (written = count) < 0 ? 0 : 100;
+        sink_->clear();
+        ASSERT_TRUE(peer_.writeLine("pull 1 100"));
+        EXPECT_TRUE(says("pulled " + text(sent) + " 1"));
+        EXPECT_EQ(sink_->count(LOG_ERROR, "getBuffer:listener wrote " + text(count) +
+                                              " bytes into a buffer of 100; using " + text(sent)),
+                  1u);
+    }
+    listener_.reset();
+    ASSERT_TRUE(peer_.writeLine("pull 1 100"));
+    EXPECT_TRUE(says("pulled 0 1"));
+    EXPECT_TRUE(sink_->contains("getBuffer:No listener found"));
+}
+
+// A second init leaves only the second listener registered.
+TEST_F(EndToEndTest, RequestsReachThePlayerUntilTheServiceDiesThenFailAtOnceAfterOneNotice) {
+    std::unique_ptr<ZEMAudioTrack> track(createZEMAudioTrack());
+    auto firstJournal = std::make_shared<RecordingLogSink>();
+    auto first = std::make_shared<RecordingListener>(firstJournal, "v1");
+    ASSERT_TRUE(track->init(std::shared_ptr<EventListener>(first), sink_));
+    ASSERT_TRUE(track->init(std::shared_ptr<EventListenerV3>(listener_), sink_));
+    expectRequests(*track, false);
+    expectRequests(proxy_, false);
+    sink_->clear();
+    peer_.kill();
+    // Both proxies (the fixture's has no listener) are told.
+    ASSERT_TRUE(parlex::test::waitUntil([&] {
+        return sink_->count(LOG_LIFECYCLE, "operator():received server death notification") == 2;
+    }));
+    EXPECT_EQ(sink_->count(kCall, "onServerDeath"), 1u);
+    EXPECT_EQ(firstJournal->size(), 0u);
+    expectRequests(*track, true);
+    expectRequests(proxy_, true);
+    // A new track finds no service: one line, from the connecting code.
+    sink_->clear();
+    EXPECT_FALSE(std::unique_ptr<ZEMAudioTrack>(createZEMAudioTrack())
+                     ->init(std::shared_ptr<EventListenerV3>(listener_), sink_));
+    ASSERT_EQ(sink_->size(), 1u);
+    EXPECT_EQ(sink_->count(LOG_ERROR, protocol::kServiceName), 1u);
+    EXPECT_EQ(sink_->entries()[0].tag, "ClientTrackImpl");
+}
+
+TEST_F(ClientTest, OnlyDestroySendsDestroyAndRequestsAfterItFail) {
+    std::atomic<int> destroys{0};
+    parlex::AndroidServer server;
+    server.registerFactory(protocol::kObjectType, [&] {
+        auto track = std::make_shared<parlex::AndroidImpl>();
+        track->bind(protocol::kDestroy, [&] { ++destroys; });
+        return track;
+    });
+    server.start(protocol::kServiceName);
+    connect(listener_).reset();
+    EXPECT_EQ(destroys, 0);
+    auto track = connect(listener_);
+    track->destroy();
+    EXPECT_EQ(destroys, 1);
+    EXPECT_FALSE(track->play());
+    EXPECT_TRUE(sink_->contains("remoteCall:RPC failed exception: parlex: client stopped"));
+}
+
+}  // namespace
+}  // namespace orv::test

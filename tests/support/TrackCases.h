@@ -1,0 +1,230 @@
+// What the client tests compare against: a listener that journals its calls, the text form of
+// every record, and every request and player event with what must come out at each end.
+#pragma once
+
+#include <orv/EventListener.h>
+#include <orv/Records.h>
+#include <orv/ZEMAudioTrack.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "support/RecordingLogSink.h"
+
+namespace orv::test {
+
+inline uint8_t patternByte(uint64_t i) { return static_cast<uint8_t>(i * 7 + (i >> 11)); }
+
+inline std::string text(long long value) { return std::to_string(value); }
+inline std::string text(int value) { return std::to_string(value); }
+inline std::string text(unsigned int value) { return std::to_string(value); }
+inline std::string text(bool value) { return value ? "1" : "0"; }
+inline std::string text(ErrorType value) { return text(static_cast<int>(value)); }
+inline std::string text(const char* value) { return value != nullptr ? value : "(null)"; }
+inline std::string text(const PlaybackAttributes& a);
+template <typename... T>
+std::string join(const T&... values) {
+    return ((text(values) + "/") + ...);
+}
+inline std::string text(const MediaPlayerState& s) {
+    return join(s.offsetMs, s.stateCode, s.protection.protection, s.protection.isProtected);
+}
+inline std::string text(const MediaPlayerStateV2& s) {
+    return join(s.offsetMs, s.stateCode, s.protection.protection, s.protection.isProtected,
+                s.playlistType);
+}
+inline std::string text(const PlaybackAttributes& a) {
+    return join(a.firstText, a.secondText, a.firstValue, a.secondValue);
+}
+inline std::string text(const Fingerprint& f) { return join(f.first, f.second, f.third); }
+// PlaybackReports and PlaybackReportArray: the count and the reports in use.
+template <typename R, typename = decltype(R::reports)>
+std::string text(const R& r) {
+    std::string line = text(r.count) + ":";
+    for (uint32_t i = 0; i < r.count; ++i)
+        line += join(r.reports[i].firstValue, r.reports[i].attributes);
+    return line;
+}
+// The count and the first pair, the one the tests send.
+inline std::string text(const MetadataKeyValuePairs& m) {
+    return text(m.count) + ":" + join(m.pairs[0].key, m.pairs[0].value);
+}
+
+constexpr LogLevel kCall = LogLevel(0);  // the level at which listeners journal their calls
+
+// Journals each call as a line "name args" at kCall, tagged `tag`, into the client's log sink,
+// so that tests see the calls in order among the client's lines. Registered under one version.
+class RecordingListener : public EventListener, public EventListenerV2, public EventListenerV3 {
+public:
+    using L = long long;
+    using S = const MediaPlayerStateV2&;
+    using M = const MetadataKeyValuePairs&;
+    using C = const char*;
+    RecordingListener(std::shared_ptr<RecordingLogSink> journal, std::string tag)
+        : journal_(std::move(journal)), tag_(std::move(tag)) {}
+    // getBuffer's count for the size asked (the pattern advances by the bytes that fit) and what
+    // runs after each call is journaled. Set before the listener is registered: the calls come
+    // on transport threads.
+    std::function<int(int size)> count = [](int size) { return size; };
+    std::function<void()> then = [] {};
+
+    int getBuffer(uint8_t* buffer, int size) override {
+        const int n = count(size);
+        for (int i = 0; i < n && i < size; ++i) buffer[i] = patternByte(supplied_++);
+        return n;
+    }
+// Versions 3 and 2 get the state, version 1 only its offset.
+#define ORV_TEST_STATE_EVENT(name)                           \
+    void name(L i, S s) override { record(__func__, i, s); } \
+    void name(L i, int s) override { record(__func__, i, s); }
+    ORV_TEST_STATE_EVENT(onFirstByteRead)
+    ORV_TEST_STATE_EVENT(onPlaybackStarted)
+    ORV_TEST_STATE_EVENT(onPlaybackFinished)
+    ORV_TEST_STATE_EVENT(onPlaybackPaused)
+    ORV_TEST_STATE_EVENT(onPlaybackResumed)
+    ORV_TEST_STATE_EVENT(onPlaybackStopped)
+    ORV_TEST_STATE_EVENT(onBufferUnderrun)
+    ORV_TEST_STATE_EVENT(onBufferRefilled)
+    ORV_TEST_STATE_EVENT(onBufferingComplete)
+#undef ORV_TEST_STATE_EVENT
+    void onPlaybackError(L i, ErrorType t, C e, S s) override { record(__func__, i, t, e, s); }
+    void onPlaybackError(L i, ErrorType t, C e, int s) override { record(__func__, i, t, e, s); }
+    void onStreamMetadataExtracted(L i, S s, M m) override { record(__func__, i, s, m); }
+    void onStreamMetadataExtracted(L i, int s, M m) override { record(__func__, i, s, m); }
+    void onSeeked(L i, S a, S b) override { record(__func__, i, a, b); }
+    void onSeeked(L i, int a, int b) override { record(__func__, i, a, b); }
+    void closeAudioSource() override { record(__func__); }
+    void onStopRequested(L i) override { record(__func__, i); }
+    void onReportMetric(C a, C b) override { record(__func__, a, b); }
+    void onServerDeath() override { record(__func__); }
+    void onLicenseAvailable(L i) override { record(__func__, i); }
+    void onFirstDataSegmentAvailable(L i) override { record(__func__, i); }
+
+private:
+    template <typename... Args>
+    void record(const char* name, const Args&... args) {
+        std::string line = name;
+        ((line += " " + text(args)), ...);
+        journal_->logMessage(kCall, tag_.c_str(), line.c_str());
+        then();
+    }
+
+    const std::shared_ptr<RecordingLogSink> journal_;
+    const std::string tag_;
+    std::atomic<uint64_t> supplied_{0};
+};
+
+constexpr long long kSourceId = 7;
+inline MediaPlayerStateV2 eventState() {
+    return MediaPlayerStateV2(1000, 3, MediaPlayerProtection("drm", true), "live");
+}
+inline MediaPlayerStateV2 seekedState() { return MediaPlayerStateV2(5000, 4, {}, nullptr); }
+
+// Each player event in the order the peer fires them: the name the client binds, the call a
+// version 3 or 2 and a version 1 listener gets (none: version 3 only), the client's line.
+struct EventRow {
+    std::string name, newer, v1, log;
+};
+inline std::vector<EventRow> eventRows() {
+    const std::string s = " 7 1000/3/drm/1/live/";
+    auto state = [&](std::string n) {
+        return EventRow{n, n + s, n + " 7 1000", n + ":sourceId=7, offsetMs=1000"};
+    };
+    auto id = [](std::string n, bool v1) {
+        return EventRow{n, n + " 7", v1 ? n + " 7" : "", n + ":sourceId=7"};
+    };
+    // clang-format off
+    return {{"closeAudioSource", "closeAudioSource", "closeAudioSource", "closeAudioSource: "},
+            {"onFirstByteRead", "onFirstByteRead" + s, "onFirstByteRead 7 1000",
+             "onFirstByteRead:sourceId=7, offsetMs=1000, playlistType=live"},
+            state("onPlaybackStarted"), state("onPlaybackFinished"), state("onPlaybackPaused"),
+            state("onPlaybackResumed"), state("onPlaybackStopped"), state("onBufferUnderrun"),
+            state("onBufferRefilled"), state("onBufferingComplete"),
+            {"onPlaybackError", "onPlaybackError 7 12 boom" + s.substr(2),
+             "onPlaybackError 7 12 boom 1000",
+             "onPlaybackError:sourceId=7, type=12, error=boom, offsetMs=1000"},
+            {"onStreamMetadataExtracted", "onStreamMetadataExtracted" + s + " 1:title/Song/",
+             "onStreamMetadataExtracted 7 1000 1:title/Song/",
+             "onStreamMetadataExtracted:sourceId=7, offsetMs=1000"},
+            {"onSeeked", "onSeeked" + s + " 5000/4/(null)/0/(null)/", "onSeeked 7 1000 5000",
+             "onSeeked:sourceId=7, beforeSeekOffsetMs=1000, afterSeekOffsetMs=5000"},
+            id("onStopRequested", true), id("onLicenseAvailable", false),
+            id("onFirstDataSegmentAvailable", false)};
+    // clang-format on
+}
+
+inline ZEMAudioFormat pcmFormat() { return ZEMAudioFormat{0, 44100, 16, 2, true, 1, 0}; }
+template <typename Source>
+Source urlSource() {
+    Source source;
+    source.type = kSourceTypeUrl;
+    source.setUrl("http://u");
+    source.setClusterId("c1");
+    return source;
+}
+
+// A request: the name sent, the client's line (none if null), the call, its result on failure,
+// the call the player_service peer's player gets and the result of its answer.
+template <typename Track>
+struct RequestRow {
+    const char* method;
+    LogLevel level;
+    const char* log;
+    std::function<std::string(Track&)> call;
+    const char *failed, *player, *answered;
+};
+
+// Rows for the exported track, or for the proxy, which alone has newDecryptKey.
+template <typename Track>
+std::vector<RequestRow<Track>> requestRows() {
+    static const MediaDescription d;
+    // clang-format off
+#define ROW(method, level, log, call, failed, player, answered) \
+    {method, LogLevel(level), log, [](Track& t) { return text(t.call); }, failed, player, answered}
+// Sent, logged at level 2 and passed to the player under its own name.
+#define PLAIN(name, failed, answered) ROW(#name, 2, #name ": ", name(), failed, #name " 7", answered)
+#define SOURCE(method, ...) \
+    ROW(method, 2, "setSource: ", setSource(__VA_ARGS__), "-1", "setSource 1/0/http://u/ c1", "7")
+    std::vector<RequestRow<Track>> rows = {
+        ROW("setSource", 2, "setSource: ", setSource(pcmFormat(), "c1"), "-1",
+            "setSource 0/44100/(null)/ c1", "7"),
+        SOURCE("setZEMAudioSource", urlSource<ZEMAudioSource>()),
+        SOURCE("setZEMAudioSourceMediaDescription", urlSource<ZEMAudioSource>(), d),
+        SOURCE("setZEMAudioSourceV2MediaDescription", urlSource<ZEMAudioSourceV2>(), d),
+        SOURCE("setZEMAudioSourceV3MediaDescription", urlSource<ZEMAudioSourceV3>(), d),
+        SOURCE("setZEMAudioSourceV4MediaDescription", urlSource<ZEMAudioSourceV4>(), d),
+        PLAIN(play, "0", "1"), PLAIN(stop, "0", "1"), PLAIN(pause, "0", "1"), PLAIN(resume, "0", "1"),
+        ROW("seekTo", 2, "seekTo:millis=1500, fromStart=1", seekTo(1500, true), "0",
+            "seekTo 7 1500 1", "1"),
+        ROW("getOffset", 1, "getOffset: ", getOffset(), "-1", "getOffset 7", "1234"),
+        PLAIN(getMediaPlayerState, "0/0//0/", "5/6/prot/1/"),
+        PLAIN(getMediaPlayerStateV2, "0/0//0//", "1000/3/drm/1/live/"),
+        PLAIN(getFingerprint, "///", "f1/f2/f3/"),
+        ROW("getPlaybackAttributes", 2, nullptr, getPlaybackAttributes(), "//0/0/",
+            "getPlaybackAttributes 7", "a/b/1/2/"),
+        ROW("getPlaybackReports", 4, "getPlaybackReports:Deprecated getPlaybackReports function, "
+            "this device is using an outdated client.", getPlaybackReports(), "0:",
+            "getPlaybackReports 7", "1:0/(null)/(null)/0/0//"),
+        ROW("getPlaybackReportArray", 2, "getPlaybackReportArray:", getPlaybackReportArray(), "0:",
+            "getPlaybackReportArray 7", "2:0/(null)/(null)/0/0//0/(null)/(null)/0/0//"),
+        ROW("setVolume", 2, "setVolume:volumeGain=0.500000", setVolume(0.5f), "0",
+            "setVolume 0.500000 7", "1"),
+        ROW("setFocusSessionId", 2, "setFocusSessionId:focusSessionId=9", setFocusSessionId(9), "0",
+            "setFocusSessionId 9 7", "1"),
+    };
+    if constexpr (!std::is_same_v<Track, ZEMAudioTrack>) {
+        rows.push_back(ROW("newDecryptKey", 2, "newDecryptKey:", newDecryptKey("k3y"), "0",
+                           "newDecryptKey 7 k3y", "1"));
+    }
+#undef ROW
+#undef PLAIN
+#undef SOURCE
+    // clang-format on
+    return rows;
+}
+
+}  // namespace orv::test
