@@ -4,6 +4,7 @@
 #include <parlex/binder.h>
 
 #include <atomic>
+#include <future>
 #include <memory>
 
 #include "client/ZEMAudioTrackClient.h"
@@ -138,6 +139,28 @@ TEST_F(EndToEndTest, RequestsReachThePlayerUntilTheServiceDiesThenFailAtOnceAfte
     ASSERT_EQ(sink_->size(), 1u);
     EXPECT_EQ(sink_->count(LOG_ERROR, protocol::kServiceName), 1u);
     EXPECT_EQ(sink_->entries()[0].tag, "ClientTrackImpl");
+}
+
+// Until its own death notice arrives, a proxy whose calls find the service gone says so on each
+// call and tries the next one again: only the notice marks the service dead. The notices go out
+// one proxy after the other, and the first one is held in its listener meanwhile.
+TEST_F(EndToEndTest, GoneServiceFailsEachCallUntilTheDeathNoticeMarksItDead) {
+    std::promise<void> release;
+    listener_->then = [held = release.get_future().share()] { held.wait(); };
+    proxy_.setListener(std::weak_ptr<EventListenerV3>(listener_));
+    ZEMAudioTrackClient second{sink_, &client_, protocol::kObjectType};
+    peer_.kill();
+    ASSERT_TRUE(parlex::test::waitUntil([&] { return sink_->count(kCall, "onServerDeath") == 1; }));
+    sink_->clear();
+    EXPECT_EQ(second.play(), 0);
+    EXPECT_EQ(second.getOffset(), -1);
+    EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:server is dead"), 2u);
+    release.set_value();
+    ASSERT_TRUE(parlex::test::waitUntil([&] {
+        return sink_->count(LOG_LIFECYCLE, "operator():received server death notification") == 2;
+    }));
+    EXPECT_EQ(second.play(), 0);
+    EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:server not running"), 1u);
 }
 
 TEST_F(ClientTest, OnlyDestroySendsDestroyAndRequestsAfterItFail) {
