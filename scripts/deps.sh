@@ -1,7 +1,8 @@
 # Sourced by the build, test and benchmark scripts: installs the Debian packages the project
-# builds with when they are missing (as root; otherwise prints the command and stops).
+# and its tools build with when they are missing (as root; otherwise prints the command and stops).
 
-PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev)
+PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
+          libsndfile1-dev libcli11-dev libasound2-dev)
 
 install_missing_packages() {
     local missing=() package

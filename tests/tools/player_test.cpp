@@ -1,0 +1,224 @@
+// The reference service's player, driven in-process through a fake client behind the delegate:
+// what reaches the sink, the events and their order, pacing, underruns, files and their errors.
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "HostPlayer.h"
+#include "support/Process.h"
+
+namespace zem {
+namespace {
+
+using namespace std::chrono_literals;
+using orv::MediaPlayerStateV2;
+
+#define EVENT(name, text) \
+    void name(long long, const MediaPlayerStateV2&) override { record(text); }
+
+// Serves `audio` in chunks of an odd size, not a whole number of frames; once half of it is
+// out, answers nothing for `stallPulls` pulls. Records every event as a word of `events()`.
+class FakeClient : public orv::MediaClientDelegate {
+public:
+    int getData(uint8_t* buffer, unsigned size, long long) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (served_ >= audio.size() / 2 && stallPulls > 0 && stallPulls--) return -1;
+        const size_t n = std::min<size_t>({size, 1001, audio.size() - served_});
+        std::memcpy(buffer, audio.data() + served_, n);
+        served_ += n;
+        return n == 0 ? -1 : static_cast<int>(n);
+    }
+    void closeDataSource(long long) override { record("close"); }
+    void onStopRequested(long long) override { record("stopRequested"); }
+    void onPlaybackError(long long, const orv::ErrorType& type, const char*,
+                         const MediaPlayerStateV2&) override {
+        record("error" + std::to_string(type));
+    }
+    void onStreamMetadataExtracted(long long, const MediaPlayerStateV2&,
+                                   const orv::MetadataKeyValuePairs& pairs) override {
+        for (uint32_t i = 0; i < pairs.count; ++i) {
+            record(std::string(pairs.pairs[i].key) + "=" + pairs.pairs[i].value);
+        }
+    }
+    EVENT(onFirstByteRead, "firstByte")
+    EVENT(onPlaybackStarted, "started")
+    EVENT(onPlaybackFinished, "finished")
+    EVENT(onPlaybackPaused, "paused")
+    EVENT(onPlaybackResumed, "resumed")
+    EVENT(onPlaybackStopped, "stopped")
+    EVENT(onBufferUnderrunStarted, "underrun")
+    EVENT(onBufferUnderrunEnded, "refilled")
+    EVENT(onBufferingComplete, "complete")
+    void onSeeked(long long, const MediaPlayerStateV2&, const MediaPlayerStateV2&) override {}
+    void onLicenseAvailable(long long) override {}
+    void onFirstDataSegmentAvailable(long long) override {}
+
+    void record(const std::string& event) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_ += (events_.empty() ? "" : " ") + event;
+    }
+    std::string events() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
+    bool waitFor(const std::string& event) {
+        return parlex::test::waitUntil([&] { return events().find(event) != std::string::npos; });
+    }
+
+    std::vector<uint8_t> audio;
+    int stallPulls = 0;
+
+private:
+    std::mutex mutex_;  // guards: served_, stallPulls, events_
+    size_t served_ = 0;
+    std::string events_;
+};
+
+struct PlayerTest : testing::Test {
+    HostPlayer::Options options() {
+        std::string error;
+        HostPlayer::Options options;
+        options.sink = *SinkSpec::parse("wav:" + dir.path() + "/out.wav", error);
+        options.fast = true;
+        return options;
+    }
+    orv::SourceConfig pcm(int32_t sampleFormat = 0, const char* totalFrames = "10000") {
+        orv::SourceConfig config;
+        config.sampleFormat = sampleFormat;
+        config.channelLayout = 3;
+        config.sampleRate = 48000;
+        config.mediaDescription.firstMap.count = totalFrames ? 1 : 0;
+        config.mediaDescription.firstMap.pairs[0] =
+            orv::DescriptionPair(kTotalFramesKey, totalFrames);
+        return config;
+    }
+
+    parlex::test::PrivateRuntimeDir dir;  // a private temporary directory
+    HostPlayer player{options()};
+    std::vector<uint8_t> audio = std::vector<uint8_t>(40000);
+};
+
+TEST_F(PlayerTest, PcmReachesTheSinkWholeAtVolumeUnderrunsOncePerStallAndEndsWhenItStaysDry) {
+    for (size_t i = 0; i < audio.size(); ++i) audio[i] = static_cast<uint8_t>(i * 7 + i / 256);
+    const struct {
+        int stallPulls;
+        float volume;
+        const char* totalFrames;  // none: the stream ends when it stays dry
+        std::string events;
+    } cases[] = {
+        {0, 1.0f, "10000", "firstByte started complete finished close"},
+        {3, 0.0f, "10000", "firstByte started underrun refilled complete finished close"},
+        {0, 1.0f, nullptr, "firstByte started underrun complete finished close"},
+    };
+    for (const auto& test : cases) {
+        FakeClient client;
+        client.audio = audio;
+        client.stallPulls = test.stallPulls;
+        player.setMediaClientDelegate(&client);
+        const long long id = player.setSource(pcm(0, test.totalFrames), "cluster");
+        ASSERT_EQ(player.setVolume(test.volume, id), 0);
+        ASSERT_EQ(player.play(id), 0);
+        ASSERT_TRUE(client.waitFor("close"));
+        EXPECT_EQ(client.events(), test.events);
+        SF_INFO info{};
+        SNDFILE* file = sf_open((dir.path() + "/out.wav").c_str(), SFM_READ, &info);
+        std::vector<uint8_t> written(audio.size());
+        EXPECT_EQ(sf_read_raw(file, written.data(), static_cast<sf_count_t>(written.size())),
+                  static_cast<sf_count_t>(audio.size()));
+        sf_close(file);
+        EXPECT_EQ(written, test.volume == 1.0f ? audio : std::vector<uint8_t>(audio.size()));
+        ContentHash hash;
+        hash.add(audio.data(), audio.size());
+        EXPECT_STREQ(player.getFingerprint(id).second, hash.hex().c_str());
+        player.releaseSource(id);
+    }
+}
+
+TEST(PlayoutClockTest, PacesToTheRateNeverPlaysPastTheDataAndRestartsAfterAGap) {
+    const auto t0 = std::chrono::steady_clock::now();
+    PlayoutClock clock(1000, 100, true);
+    clock.start(t0);
+    clock.wrote(100, t0);
+    EXPECT_FALSE(clock.wantsData(t0));
+    EXPECT_EQ(clock.nextPullAt(t0), t0 + 1ms);
+    EXPECT_EQ(clock.played(t0 + 50ms), 50);
+    EXPECT_TRUE(clock.dry(t0 + 150ms) && clock.played(t0 + 150ms) == 100);
+    clock.wrote(10, t0 + 150ms);
+    EXPECT_EQ(clock.played(t0 + 155ms), 105);
+    clock.pause(t0 + 155ms);
+    EXPECT_EQ(clock.played(t0 + 1s), 105);
+    PlayoutClock fast(1000, 100, false);
+    fast.wrote(500, t0);
+    EXPECT_TRUE(fast.wantsData(t0) && fast.played(t0) == 500);
+}
+
+TEST_F(PlayerTest, FileSourceReportsItsTagsAndUnplayableSourcesReportWhy) {
+    SF_INFO info{4800, 48000, 2, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 0, 0};
+    SNDFILE* file = sf_open((dir.path() + "/tagged.flac").c_str(), SFM_WRITE, &info);
+    sf_set_string(file, SF_STR_TITLE, "Tone");
+    sf_writef_short(file, reinterpret_cast<const short*>(audio.data()), 4800);
+    sf_close(file);
+    const std::pair<std::string, std::string> cases[] = {
+        {"file://" + dir.path() + "/tagged.flac",
+         "duration-ms=100 title=Tone firstByte started complete finished"},
+        {dir.path() + "/missing.wav", "error1"},
+        {"/proc/self/exe", "error1"},  // not audio
+        {"", "error2 close"},          // a PCM source of 8-bit samples
+    };
+    for (const auto& [url, events] : cases) {
+        FakeClient client;
+        player.setMediaClientDelegate(&client);
+        orv::SourceConfig config = pcm(url.empty() ? -1 : 0);
+        config.type = url.empty() ? orv::kSourceTypePcm : orv::kSourceTypeUrl;
+        config.setUrl(url.c_str());
+        const long long id = player.setSource(config, "cluster");
+        player.play(id);
+        ASSERT_TRUE(client.waitFor(events.substr(events.rfind(' ') + 1))) << url;
+        EXPECT_EQ(client.events(), events) << url;
+        player.releaseSource(id);
+    }
+}
+
+TEST_F(PlayerTest, ShutdownTellsTheClientToStopAndEndsEveryThread) {
+    FakeClient client;
+    client.stallPulls = 1 << 30;
+    client.audio = audio;
+    player.setMediaClientDelegate(&client);
+    player.play(player.setSource(pcm(), "cluster"));
+    ASSERT_TRUE(client.waitFor("underrun"));
+    ASSERT_TRUE(player.shutdown(std::chrono::steady_clock::now() + 10s));
+    EXPECT_NE(client.events().find("underrun stopRequested stopped close"), std::string::npos);
+}
+
+TEST(WavSinkTest, HeaderCarriesTheStreamFormatAndConcurrentSourcesGetTheirOwnFile) {
+    parlex::test::PrivateRuntimeDir dir;
+    std::string error;
+    SinkFactory sinks(*SinkSpec::parse("wav:" + dir.path() + "/out.wav", error));
+    const std::pair<StreamFormat, int> cases[] = {
+        {{SampleType::S16, 16, 8000, 1}, SF_FORMAT_PCM_16},
+        {{SampleType::S32, 24, 44100, 2}, SF_FORMAT_PCM_24},
+        {{SampleType::F32, 32, 96000, 2}, SF_FORMAT_FLOAT}};
+    for (const auto& [format, subtype] : cases) {
+        const int32_t samples[4] = {1 << 16, -(1 << 16), 0x7fffff00, -0x7fffff00};
+        std::string paths[2];
+        auto sink = sinks.open(1, format, paths[0], error);
+        auto other = sinks.open(2, format, paths[1], error);
+        ASSERT_TRUE(sink && other) << error;
+        EXPECT_EQ(paths[1], dir.path() + "/out.2.wav");
+        ASSERT_TRUE(sink->write(reinterpret_cast<const uint8_t*>(samples), 2, error));
+        SF_INFO info{};
+        SNDFILE* file = sf_open(paths[0].c_str(), SFM_READ, &info);  // while the sink still writes
+        int32_t readBack[4] = {};
+        sf_read_int(file, readBack, 2 * format.channels);
+        sf_close(file);
+        EXPECT_EQ(info.format, SF_FORMAT_WAV | subtype);
+        EXPECT_EQ(info.samplerate * 10 + info.channels, format.rate * 10 + format.channels);
+        EXPECT_EQ(info.frames, 2);
+        EXPECT_TRUE(format.type != SampleType::S32 || readBack[3] == samples[3]);
+    }
+}
+
+}  // namespace
+}  // namespace zem

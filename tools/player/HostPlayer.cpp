@@ -1,0 +1,188 @@
+#include "HostPlayer.h"
+
+#include <system_error>
+
+namespace zem {
+
+using Clock = std::chrono::steady_clock;
+
+HostPlayer::HostPlayer(Options options)
+    : options_(std::move(options)), log_(options_.log, "HostPlayer"), sinks_(options_.sink) {}
+
+HostPlayer::~HostPlayer() { shutdown(Clock::time_point::max()); }
+
+bool HostPlayer::shutdown(Clock::time_point deadline) {
+    std::vector<std::shared_ptr<Source>> sources;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        closing_ = true;
+        for (auto& [id, source] : sources_) sources.push_back(source);
+        sources.insert(sources.end(), retired_.begin(), retired_.end());
+    }
+    for (const auto& source : sources) source->shutdown();
+    bool ended = true;
+    for (const auto& source : sources) {
+        if (!source->waitEnded(deadline)) {
+            log_(orv::LOG_ERROR, "shutdown", "source %lld: its client does not answer",
+                 source->id());
+            ended = false;
+        }
+    }
+    return ended;
+}
+
+void HostPlayer::setMediaClientDelegate(orv::MediaClientDelegate* delegate) {
+    delegate_ = delegate;
+}
+
+long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*clusterId*/) {
+    reapEnded();
+    if (config.type != orv::kSourceTypePcm && config.type != orv::kSourceTypeUrl) {
+        log_(orv::LOG_ERROR, "setSource", "unknown source type %d", config.type);
+        return 0;
+    }
+    SourceSettings settings;
+    settings.delegate = delegate_;
+    settings.sinks = &sinks_;
+    settings.log = &log_;
+    settings.fast = options_.fast;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closing_ || sources_.size() >= options_.maxSources) {
+        log_(orv::LOG_ERROR, "setSource", "%s", closing_ ? "shutting down" : "too many sources");
+        return 0;
+    }
+    const long long id = nextId_++;
+    try {
+        auto source = std::make_shared<Source>(id, config, settings);
+        source->startThread();
+        log_(orv::LOG_LIFECYCLE, "setSource", "source %lld: %s", id, source->describe().c_str());
+        sources_[id] = std::move(source);
+    } catch (const std::system_error& error) {
+        log_(orv::LOG_ERROR, "setSource", "no thread for a new source: %s", error.what());
+        return 0;
+    }
+    return id;
+}
+
+// `call` on the source with this id, without holding the table's lock; `fallback` for an id
+// that names no open source.
+template <typename Result, typename Call>
+Result HostPlayer::withSource(long long sourceId, Result fallback, Call call) {
+    std::shared_ptr<Source> source;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto it = sources_.find(sourceId);
+        if (it == sources_.end()) return fallback;
+        source = it->second;
+    }
+    return call(*source);
+}
+
+// Joins the released sources whose threads have ended, without waiting for the others.
+void HostPlayer::reapEnded() {
+    std::vector<std::shared_ptr<Source>> ended;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = retired_.begin(); it != retired_.end();) {
+            if ((*it)->waitEnded(Clock::now())) {
+                ended.push_back(std::move(*it));
+                it = retired_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+}
+
+int HostPlayer::play(long long sourceId) {
+    return withSource(sourceId, -1, [&](Source& source) { return source.play(); });
+}
+
+int HostPlayer::stop(long long sourceId) {
+    return withSource(sourceId, -1, [&](Source& source) { return source.stop(); });
+}
+
+int HostPlayer::pause(long long sourceId) {
+    return withSource(sourceId, -1, [&](Source& source) { return source.pause(); });
+}
+
+int HostPlayer::resume(long long sourceId) {
+    return withSource(sourceId, -1, [&](Source& source) { return source.resume(); });
+}
+
+// No source of this player is encrypted.
+int HostPlayer::newDecryptKey(long long, const char*) { return -1; }
+
+int HostPlayer::getOffset(long long sourceId) {
+    return withSource(sourceId, -1, [&](Source& source) { return source.offsetMs(); });
+}
+
+orv::MediaPlayerState HostPlayer::getMediaPlayerState(long long sourceId) {
+    const orv::MediaPlayerStateV2 state = getMediaPlayerStateV2(sourceId);
+    orv::MediaPlayerState result;
+    result.offsetMs = state.offsetMs;
+    result.stateCode = state.stateCode;
+    result.protection = state.protection;
+    return result;
+}
+
+orv::MediaPlayerStateV2 HostPlayer::getMediaPlayerStateV2(long long sourceId) {
+    return withSource(sourceId, orv::MediaPlayerStateV2(),
+                      [&](Source& source) { return source.state(); });
+}
+
+orv::PlaybackAttributes HostPlayer::getPlaybackAttributes(long long sourceId) {
+    return withSource(sourceId, orv::PlaybackAttributes(),
+                      [&](Source& source) { return source.attributes(); });
+}
+
+orv::PlaybackReports HostPlayer::getPlaybackReports(long long sourceId) {
+    const orv::PlaybackReportArray array = getPlaybackReportArray(sourceId);
+    orv::PlaybackReports reports(array.count);
+    for (uint32_t i = 0; i < array.count; ++i) reports.reports[i] = array.reports[i];
+    return reports;
+}
+
+orv::PlaybackReportArray HostPlayer::getPlaybackReportArray(long long sourceId) {
+    return withSource(sourceId, orv::PlaybackReportArray(),
+                      [&](Source& source) { return source.reports(); });
+}
+
+orv::Fingerprint HostPlayer::getFingerprint(long long sourceId) {
+    return withSource(sourceId, orv::Fingerprint(),
+                      [&](Source& source) { return source.fingerprint(); });
+}
+
+int HostPlayer::seekTo(long long sourceId, int offsetInMs, bool fromStart) {
+    return withSource(sourceId, -1,
+                      [&](Source& source) { return source.seekTo(offsetInMs, fromStart); });
+}
+
+int HostPlayer::releaseSource(long long sourceId) {
+    std::shared_ptr<Source> source;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto it = sources_.find(sourceId);
+        if (it == sources_.end()) return -1;
+        source = std::move(it->second);
+        sources_.erase(it);
+        source->release();
+        retired_.push_back(source);
+    }
+    log_(orv::LOG_LIFECYCLE, "releaseSource", "source %lld released", sourceId);
+    reapEnded();
+    return 0;
+}
+
+int HostPlayer::setVolume(float volume, long long sourceId) {
+    return withSource(sourceId, -1, [&](Source& source) { return source.setVolume(volume); });
+}
+
+int HostPlayer::setFocusSessionId(unsigned int focusSessionId, long long sourceId) {
+    return withSource(sourceId, -1, [&](Source& source) {
+        source.setFocusSessionId(focusSessionId);
+        return 0;
+    });
+}
+
+}  // namespace zem

@@ -1,0 +1,77 @@
+// The reference audio service's player: the OrvServerHandlerInterface that zem-audiod hands to
+// ZEMAudioServer. Every source it opens gets its own Source with its own player thread; the
+// player only keeps the table of sources and answers for unknown ids.
+//
+// Released sources are not joined on the caller's thread: release may run inside a track's
+// teardown on a transport thread while the source's thread waits for that very client in
+// getData. They are kept aside and joined once their threads have ended.
+#pragma once
+
+#include <orv/OrvServerHandlerInterface.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "Log.h"
+#include "Sink.h"
+#include "Source.h"
+
+namespace zem {
+
+class HostPlayer : public orv::OrvServerHandlerInterface {
+public:
+    struct Options {
+        SinkSpec sink;
+        bool fast = false;
+        std::shared_ptr<orv::LoggingDelegate> log;
+        size_t maxSources = 64;  // open at once, so that one client cannot exhaust the threads
+    };
+
+    explicit HostPlayer(Options options);
+    ~HostPlayer() override;
+
+    // Tells every client with a source that the service wants it to stop, stops every source
+    // and waits for their threads until `deadline`. False when a thread is still busy then (a
+    // client that does not answer a data request); the delegate must not go away in that case.
+    bool shutdown(std::chrono::steady_clock::time_point deadline);
+
+    void setMediaClientDelegate(orv::MediaClientDelegate* delegate) override;
+    long long setSource(const orv::SourceConfig& config, const char* clusterId) override;
+    int play(long long sourceId) override;
+    int stop(long long sourceId) override;
+    int pause(long long sourceId) override;
+    int resume(long long sourceId) override;
+    int newDecryptKey(long long sourceId, const char* key) override;
+    int getOffset(long long sourceId) override;
+    orv::MediaPlayerState getMediaPlayerState(long long sourceId) override;
+    orv::PlaybackAttributes getPlaybackAttributes(long long sourceId) override;
+    orv::PlaybackReports getPlaybackReports(long long sourceId) override;
+    orv::Fingerprint getFingerprint(long long sourceId) override;
+    int seekTo(long long sourceId, int offsetInMs, bool fromStart) override;
+    int releaseSource(long long sourceId) override;
+    orv::PlaybackReportArray getPlaybackReportArray(long long sourceId) override;
+    int setVolume(float volume, long long sourceId) override;
+    int setFocusSessionId(unsigned int focusSessionId, long long sourceId) override;
+    orv::MediaPlayerStateV2 getMediaPlayerStateV2(long long sourceId) override;
+
+private:
+    template <typename Result, typename Call>
+    Result withSource(long long sourceId, Result fallback, Call call);
+    void reapEnded();
+
+    Options options_;
+    Log log_;
+    SinkFactory sinks_;
+    std::atomic<orv::MediaClientDelegate*> delegate_{nullptr};
+    std::mutex mutex_;  // guards: sources_, retired_, nextId_, closing_
+    std::map<long long, std::shared_ptr<Source>> sources_;
+    std::vector<std::shared_ptr<Source>> retired_;
+    long long nextId_ = 1;
+    bool closing_ = false;
+};
+
+}  // namespace zem

@@ -1,0 +1,96 @@
+#include "Listener.h"
+
+namespace zem {
+
+void Listener::push(PlayEvent event) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(std::move(event));
+    }
+    added_.notify_one();
+}
+
+std::optional<PlayEvent> Listener::next(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!added_.wait_until(lock, deadline, [this] { return !events_.empty(); })) {
+        return std::nullopt;
+    }
+    PlayEvent event = std::move(events_.front());
+    events_.pop_front();
+    return event;
+}
+
+void Listener::at(PlayEvent::Kind kind, const char* what, const orv::MediaPlayerStateV2& state) {
+    push({kind, state.offsetMs, std::string(what) + " at " + std::to_string(state.offsetMs) + " ms",
+          ""});
+}
+
+int Listener::getBuffer(uint8_t* buffer, int size) { return feed_ ? feed_->fill(buffer, size) : 0; }
+
+void Listener::closeAudioSource() {
+    push({PlayEvent::Note, 0, "the service closed the source", ""});
+}
+
+void Listener::onStopRequested(long long) {
+    push({PlayEvent::StopRequested, 0, "the audio service asks to stop: it is shutting down", ""});
+}
+
+void Listener::onReportMetric(const char* first, const char* second) {
+    push({PlayEvent::Note, 0,
+          std::string("metric ") + (first ? first : "") + " = " + (second ? second : ""), ""});
+}
+
+void Listener::onServerDeath() {
+    push({PlayEvent::Death, 0, "the audio service went away during playback", ""});
+}
+
+// The events that only report what happened, and where.
+#define POSITION_EVENT(name, kind, what)                                   \
+    void Listener::name(long long, const orv::MediaPlayerStateV2& state) { \
+        at(PlayEvent::kind, what, state);                                  \
+    }
+POSITION_EVENT(onFirstByteRead, Note, "first byte read")
+POSITION_EVENT(onPlaybackStarted, Started, "playback started")
+POSITION_EVENT(onPlaybackFinished, Finished, "playback finished")
+POSITION_EVENT(onPlaybackPaused, Paused, "paused")
+POSITION_EVENT(onPlaybackResumed, Resumed, "resumed")
+POSITION_EVENT(onPlaybackStopped, Stopped, "stopped")
+POSITION_EVENT(onBufferUnderrun, Underrun, "buffer underrun")
+POSITION_EVENT(onBufferRefilled, Refilled, "buffer refilled")
+POSITION_EVENT(onBufferingComplete, Note, "buffering complete")
+#undef POSITION_EVENT
+
+void Listener::onPlaybackError(long long, orv::ErrorType type, const char* error,
+                               const orv::MediaPlayerStateV2& state) {
+    push({PlayEvent::Error, state.offsetMs,
+          "playback error " + std::to_string(type) + " at " + std::to_string(state.offsetMs) +
+              " ms: " + (error ? error : "(no text)"),
+          ""});
+}
+
+void Listener::onStreamMetadataExtracted(long long, const orv::MediaPlayerStateV2&,
+                                         const orv::MetadataKeyValuePairs& metadata) {
+    PlayEvent event{PlayEvent::Metadata, 0, "metadata:", ""};
+    const uint32_t count = std::min(metadata.count, orv::MetadataKeyValuePairs::kCapacity);
+    for (uint32_t i = 0; i < count; ++i) {
+        const char* key = metadata.pairs[i].key ? metadata.pairs[i].key : "";
+        const char* value = metadata.pairs[i].value ? metadata.pairs[i].value : "";
+        event.text += std::string(i == 0 ? " " : ", ") + key + "=" + value;
+        if (std::string(key) == "duration-ms") event.durationMs = value;
+    }
+    push(std::move(event));
+}
+
+void Listener::onSeeked(long long, const orv::MediaPlayerStateV2& before,
+                        const orv::MediaPlayerStateV2& after) {
+    push({PlayEvent::Note, after.offsetMs,
+          "seeked from " + std::to_string(before.offsetMs) + " ms to " +
+              std::to_string(after.offsetMs) + " ms",
+          ""});
+}
+
+void Listener::onLicenseAvailable(long long) {}
+
+void Listener::onFirstDataSegmentAvailable(long long) {}
+
+}  // namespace zem
