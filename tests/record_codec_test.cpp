@@ -2,125 +2,15 @@
 // record, and readers facing hostile counts and truncated parcels.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
-#include <vector>
 
-#include "common/RecordCodec.h"
+#include "support/RecordSamples.h"
 
-namespace orv {
+namespace orv::test {
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-// The expected wire image, built word by word independently of the code under test.
-class Wire {
-public:
-    Wire& i32(int32_t value) { return raw(&value, 4); }
-    Wire& i64(int64_t value) { return raw(&value, 8); }
-    Wire& str(const char* text) {
-        if (text == nullptr) return i32(-1);
-        i32(static_cast<int32_t>(std::strlen(text)));
-        raw(text, std::strlen(text) + 1);
-        while (bytes.size() % 4 != 0) bytes.push_back(0);
-        return *this;
-    }
-    Wire& add(const Wire& other) { return raw(other.bytes.data(), other.bytes.size()); }
-    Bytes bytes;
-
-private:
-    Wire& raw(const void* data, size_t size) {
-        const auto* begin = static_cast<const uint8_t*>(data);
-        bytes.insert(bytes.end(), begin, begin + size);
-        return *this;
-    }
-};
-
-template <typename T>
-Bytes bytesOf(const T& value) {
-    parlex::AndroidParcel parcel;
-    parcel << value;
-    return Bytes(parcel->data(), parcel->data() + parcel->dataSize());
-}
-
-// Returns how many bytes the reader left unread.
-template <typename T>
-size_t readFrom(const Bytes& bytes, T& target) {
-    parlex::AndroidParcel parcel;
-    parcel->setData(bytes.data(), bytes.size());
-    parcel >> target;
-    return parcel->dataAvail();
-}
-
-// A hand-written wire image of each record, every field distinct and non-zero where it can be
-// and flags 0 or 1, so that reading it and writing the result back must reproduce it exactly.
-const Wire kFormat = Wire().i32(7).i32(44100).i32(16).i32(2).i32(1).i32(-1).i32(3);
-const Wire kSourceStart = Wire().i32(kSourceTypeUrl).add(kFormat).str("url");
-const Wire kV2 =
-    Wire(kSourceStart).i32(3).str("c").i64(int64_t{1} << 40).i64(-7).i32(4).i32(5).str("{}");
-const Wire kV3 = Wire(kV2).i32(1).i32(0).i32(-2).i32(300).i64(int64_t{9} << 40).i32(1).i32(-13);
-const Wire kAttributes = Wire().str("x").str("").i32(-1).i32(1 << 20);
-
-// `count` pairs of distinct texts, some empty or null, after their count.
-Wire pairsWire(int count) {
-    Wire wire;
-    wire.i32(count);
-    for (int i = 0; i < count; ++i) {
-        wire.str(("key" + std::to_string(i)).c_str()).str(i == 1 ? "" : i == 2 ? nullptr : "v");
-    }
-    return wire;
-}
-Wire reportsWire(int count) {
-    Wire wire;
-    wire.i32(count);
-    for (int i = 0; i < count; ++i) wire.i32(i + 1).i32(-i).add(kAttributes);
-    return wire;
-}
-
-template <typename T>
-Wire wireFor();
-// clang-format off
-template <> Wire wireFor<ZEMAudioFormat>() { return kFormat; }
-template <> Wire wireFor<ZEMAudioSource>() {
-    return Wire(kSourceStart).i32(3).str("").i64(-(int64_t{5} << 40)).i32(4).i32(5).str(nullptr);
-}
-template <> Wire wireFor<ZEMAudioSourceV2>() { return kV2; }
-template <> Wire wireFor<ZEMAudioSourceV3>() { return kV3; }
-// A NaN with a payload: the gain travels as its exact bits.
-template <> Wire wireFor<ZEMAudioSourceV4>() { return Wire(kV3).i32(0x7fc12345); }
-template <> Wire wireFor<MediaDescription>() {
-    return Wire().str("a").i32(0x7fff1234).str(nullptr).str("").str("cap").str(nullptr)
-        .add(pairsWire(DescriptionMap::kCapacity)).add(pairsWire(2)).i32(1);
-}
-template <> Wire wireFor<MediaPlayerState>() { return Wire().i32(5).i32(-6).str("p").i32(1); }
-template <> Wire wireFor<MediaPlayerStateV2>() {
-    return Wire().i32(5).i32(-6).str(nullptr).i32(1).str("hls");
-}
-template <> Wire wireFor<MetadataKeyValuePairs>() {
-    return pairsWire(MetadataKeyValuePairs::kCapacity);
-}
-template <> Wire wireFor<PlaybackAttributes>() { return kAttributes; }
-template <> Wire wireFor<PlaybackReports>() { return reportsWire(3); }
-template <> Wire wireFor<PlaybackReportArray>() {
-    return reportsWire(PlaybackReportArray::kCapacity);
-}
-template <> Wire wireFor<Fingerprint>() { return Wire().str("a").str(nullptr).str(""); }
-// clang-format on
-
-template <typename T>
-T sampled() {
-    T value;
-    readFrom(wireFor<T>().bytes, value);
-    return value;
-}
 
 template <typename T>
 class RecordRoundTrip : public testing::Test {};
-using WireRecords =
-    testing::Types<ZEMAudioFormat, ZEMAudioSource, ZEMAudioSourceV2, ZEMAudioSourceV3,
-                   ZEMAudioSourceV4, MediaDescription, MediaPlayerState, MediaPlayerStateV2,
-                   MetadataKeyValuePairs, PlaybackAttributes, PlaybackReports, PlaybackReportArray,
-                   Fingerprint>;
 TYPED_TEST_SUITE(RecordRoundTrip, WireRecords);
 
 // Read into a target that already holds other values and outlives the parcel (a record that
@@ -165,7 +55,7 @@ TEST(RecordLayout, FieldsGoOnTheWireInTheProtocolOrderAndWidths) {
     v4.param4 = 4;
     v4.param5 = 5;
     v4.setPlaybackContextHeadersJSON("{}");
-    v4.param7 = true;
+    v4.param7 = v4.param8 = true;
     v4.param9 = -2;
     v4.param10 = 300;
     v4.param11 = int64_t{9} << 40;
@@ -197,7 +87,7 @@ TEST(RecordLayout, FieldsGoOnTheWireInTheProtocolOrderAndWidths) {
              .i32(1).str("key").str("value")
              .i32(1)},
         {"MediaPlayerStateV2",
-         bytesOf(MediaPlayerStateV2(5, -6, MediaPlayerProtection(nullptr, true), "hls")),
+         bytesOf(MediaPlayerStateV2(5, -6, MediaPlayerProtection("drm", true), "hls")),
          wireFor<MediaPlayerStateV2>()},
         {"PlaybackAttributes", bytesOf(PlaybackAttributes("x", "", -1, 1 << 20)), kAttributes},
     };
@@ -266,4 +156,4 @@ TEST(RecordCodec, CountsBeyondCapacityOrDataAreRejectedBeforeTheTargetChanges) {
 }
 
 }  // namespace
-}  // namespace orv
+}  // namespace orv::test

@@ -17,7 +17,7 @@
 #include "common/RecordCodec.h"
 #include "support/MockPlayer.h"
 #include "support/Process.h"
-#include "support/RecordingLogSink.h"
+#include "support/TrackCases.h"
 
 namespace orv::test {
 namespace {
@@ -250,41 +250,28 @@ TEST_F(ServerTest, GetDataAsksAtMost12288AndNeverWritesPastWhatItAsked) {
 
 TEST_F(ServerTest, ReportAndMetadataReachTheirClientsUnderTheirWireNamesArgumentsInOrder) {
     Process& peer = client(3);  // track 2 has no source
-    for (int track : {0, 1}) setPcm(peer, track, 100 + track);
-    MediaClientDelegate& d = *impl;  // as the player sees the server
-    const MediaPlayerStateV2 a(1000, 2, MediaPlayerProtection("drm", true), "live");
-    const MediaPlayerStateV2 b(5000, 3, MediaPlayerProtection(), nullptr);
-    MetadataKeyValuePairs pairs;
-    pairs.pairs[pairs.count++] = MetadataKeyValuePair("k", "v");
-    const long long id = 101;
-    const std::string at = "sourceId=101, offsetMs=1000";
-    // What the player reports, the event the client gets, its arguments, the level-2 line.
-    for (const auto& [report, event, args, text] :
-         std::vector<std::tuple<std::function<void()>, std::string, std::string, std::string>>{
-             {[&] { d.onStopRequested(id); }, "onStopRequested", hex(id), "sourceId=101"},
-             {[&] { d.onFirstByteRead(id, a); }, "onFirstByteRead", hex(id, a),
-              at + ", playlistType=live"},
-             {[&] { d.onPlaybackStarted(id, a); }, "onPlaybackStarted", hex(id, a), at},
-             {[&] { d.onPlaybackFinished(id, a); }, "onPlaybackFinished", hex(id, a), at},
-             {[&] { d.onPlaybackError(id, ErrorType(3), "bad", a); }, "onPlaybackError",
-              hex(id, 3, std::string("bad"), a), "sourceId=101, type=3, error=bad, offsetMs=1000"},
-             {[&] { d.onPlaybackPaused(id, a); }, "onPlaybackPaused", hex(id, a), at},
-             {[&] { d.onPlaybackResumed(id, a); }, "onPlaybackResumed", hex(id, a), at},
-             {[&] { d.onPlaybackStopped(id, a); }, "onPlaybackStopped", hex(id, a), at},
-             {[&] { d.onBufferUnderrunStarted(id, a); }, "onBufferUnderrun", hex(id, a), at},
-             {[&] { d.onBufferUnderrunEnded(id, a); }, "onBufferRefilled", hex(id, a), at},
-             {[&] { d.onBufferingComplete(id, a); }, "onBufferingComplete", hex(id, a), at},
-             {[&] { d.onStreamMetadataExtracted(id, a, pairs); }, "onStreamMetadataExtracted",
-              hex(id, a, pairs), at},
-             {[&] { d.onSeeked(id, a, b); }, "onSeeked", hex(id, a, b),
-              "sourceId=101, beforeSeekOffsetMs=1000, afterSeekOffsetMs=5000"},
-             {[&] { d.onLicenseAvailable(id); }, "onLicenseAvailable", hex(id), "sourceId=101"},
-             {[&] { d.onFirstDataSegmentAvailable(id); }, "onFirstDataSegmentAvailable", hex(id),
-              "sourceId=101"},
-             {[&] { d.closeDataSource(id); }, "closeAudioSource", "-", " "}}) {
-        report();
-        EXPECT_EQ(peer.readLine(), "event 1 " + event + " " + args);
-        EXPECT_THAT(sink->entries(), Contains(LogEntry{LOG_TRACE, kTrack, event + ":" + text}));
+    setPcm(peer, 0, 100);
+    ON_CALL(*player, setSource).WillByDefault(Return(kSourceId));
+    setPcm(peer, 1, kSourceId);
+    const MediaPlayerStateV2 s = eventState();
+    MetadataKeyValuePairs title;
+    title.pairs[title.count++] = MetadataKeyValuePair("title", "Song");
+    // The event's arguments when they are not the source id and the state.
+    const std::map<std::string, std::string> args = {
+        {"closeAudioSource", "-"},
+        {"onPlaybackError", hex(kSourceId, 12, std::string("boom"), s)},
+        {"onStreamMetadataExtracted", hex(kSourceId, s, title)},
+        {"onSeeked", hex(kSourceId, s, seekedState())},
+        {"onStopRequested", hex(kSourceId)},
+        {"onLicenseAvailable", hex(kSourceId)},
+        {"onFirstDataSegmentAvailable", hex(kSourceId)}};
+    fireEvents(*impl);  // as the player reports, named as the host names them
+    for (const EventRow& row : eventRows()) {
+        const auto special = args.find(row.name);
+        EXPECT_EQ(peer.readLine(),
+                  "event 1 " + row.name + " " +
+                      (special != args.end() ? special->second : hex(kSourceId, s)));
+        EXPECT_THAT(sink->entries(), Contains(LogEntry{LOG_TRACE, kTrack, row.log}));
     }
     // A metadata update goes to every live track: the marker, then at most 19 entries by key.
     for (int entries : {0, 25}) {
@@ -294,15 +281,14 @@ TEST_F(ServerTest, ReportAndMetadataReachTheirClientsUnderTheirWireNamesArgument
             MetadataKeyValuePair("com.tarnek.kolvo.metadata.update", "true");
         for (char key[] = "ka"; key[1] < 'a' + entries; ++key[1]) {  // "ka" < "kb" < ...
             metadata[key] = key + std::string("v");
-        }
-        for (char key[] = "ka"; key[1] < 'a' + (entries < 19 ? entries : 19); ++key[1]) {  // by key
-            expected.pairs[expected.count++] = MetadataKeyValuePair(key, metadata[key].c_str());
+            if (expected.count < 20)
+                expected.pairs[expected.count++] = {key, metadata[key].c_str()};
         }
         impl->updateMetadata(metadata);
         for (long long track : {0, 1, 2}) {
-            EXPECT_EQ(peer.readLine(),
-                      "event " + std::to_string(track) + " onStreamMetadataExtracted " +
-                          hex(track == 2 ? 0 : 100 + track, MediaPlayerStateV2(), expected));
+            const long long id[] = {100, kSourceId, 0};
+            EXPECT_EQ(peer.readLine(), "event " + text(track) + " onStreamMetadataExtracted " +
+                                           hex(id[track], MediaPlayerStateV2(), expected));
         }
     }
 }
@@ -314,7 +300,8 @@ TEST_F(ServerTest, EventsOfATrackNeverOverlapAudioFlowsBetweenAndADeadClientOnly
     auto first = std::async(std::launch::async, [&] { impl->onPlaybackStarted(100, state); });
     EXPECT_EQ(peer.readLine(), "event 0 onPlaybackStarted " + hex(100LL, state));
     auto second = std::async(std::launch::async, [&] { impl->onPlaybackPaused(100, state); });
-    ASSERT_TRUE(sink->waitForMessage("onPlaybackPaused:"));  // logged before it waits its turn
+    // Logged before it waits its turn.
+    ASSERT_TRUE(waitUntil([&] { return sink->contains("onPlaybackPaused:"); }));
     uint8_t buffer[64];
     EXPECT_EQ(impl->getData(buffer, sizeof buffer, 100), 64);
     EXPECT_EQ(peer.readLine(), "getBuffer 0 64");  // and not the second event yet
@@ -346,7 +333,7 @@ TEST_F(ServerTest, RegistryKeepsTheOldestOwnerNeverReusesIdsAndOutlivesItsTracks
     std::promise<void> inside;
     EXPECT_CALL(*player, play(0)).WillOnce([&](long long) {
         inside.set_value();
-        sink->waitForMessage("~AudioServerImpl");
+        waitUntil([&] { return sink->contains("~AudioServerImpl"); });
         return 1;
     });
     EXPECT_TRUE(sink->contains("createNewTrack:created, trackId=3"));  // and orders, see send()

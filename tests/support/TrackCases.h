@@ -3,6 +3,7 @@
 #pragma once
 
 #include <orv/EventListener.h>
+#include <orv/MediaClientDelegate.h>
 #include <orv/Records.h>
 #include <orv/ZEMAudioTrack.h>
 
@@ -155,6 +156,28 @@ inline std::vector<EventRow> eventRows() {
             id("onStopRequested", true), id("onLicenseAvailable", false),
             id("onFirstDataSegmentAvailable", false)};
     // clang-format on
+}
+
+// What the player reports, in the order of eventRows().
+inline void fireEvents(MediaClientDelegate& to) {
+    using D = MediaClientDelegate;
+    const long long id = kSourceId;
+    const MediaPlayerStateV2 s = eventState();
+    MetadataKeyValuePairs metadata;
+    metadata.pairs[metadata.count++] = MetadataKeyValuePair("title", "Song");
+    to.closeDataSource(id);
+    for (auto event :
+         {&D::onFirstByteRead, &D::onPlaybackStarted, &D::onPlaybackFinished, &D::onPlaybackPaused,
+          &D::onPlaybackResumed, &D::onPlaybackStopped, &D::onBufferUnderrunStarted,
+          &D::onBufferUnderrunEnded, &D::onBufferingComplete}) {
+        (to.*event)(id, s);
+    }
+    to.onPlaybackError(id, ErrorType(12), "boom", s);
+    to.onStreamMetadataExtracted(id, s, metadata);
+    to.onSeeked(id, s, seekedState());
+    to.onStopRequested(id);
+    to.onLicenseAvailable(id);
+    to.onFirstDataSegmentAvailable(id);
 }
 
 inline ZEMAudioFormat pcmFormat() { return ZEMAudioFormat{0, 44100, 16, 2, true, 1, 0}; }
