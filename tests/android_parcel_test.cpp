@@ -129,14 +129,3 @@ TEST(AndroidBufferCodec, BadSizesThrowAndLeaveTheTargetAlone) {
     AndroidParcel parcel;
     EXPECT_THROW(parcel << AndroidBuffer(0x80000000u, &old, false), parlex::impl::runtime_error);
 }
-
-TEST(AndroidBufferCopy, CopiedBufferIsPrivateAndBorrowedOneIsShared) {
-    uint8_t source[4] = {1, 2, 3, 4};
-    AndroidBuffer copied(4, source, true);
-    AndroidBuffer borrowed(4, source, false);
-    AndroidBuffer sharing = copied;
-    source[0] = 99;
-    EXPECT_EQ(static_cast<const uint8_t*>(copied.data())[0], 1);
-    EXPECT_EQ(static_cast<const uint8_t*>(borrowed.data())[0], 99);
-    EXPECT_EQ(sharing.data(), copied.data());
-}

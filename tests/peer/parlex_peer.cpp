@@ -2,8 +2,8 @@
 //   parlex_peer server <service>                  publishes "Echo", "Null" and "Throwing";
 //   parlex_peer client <service> <type> <count>   holds <count> proxies of <type>.
 // It talks to the test through its standard streams: one line to stdout for everything the test
-// waits for ("ready", "hanging" when a request is parked, "death <i>" and "getBuffer <i>" from
-// the client's proxy i), and the end of stdin as the request to shut down cleanly and exit 0.
+// waits for ("ready", "hanging" when a request is parked, "getBuffer <i>" from the client's
+// proxy i), and the end of stdin as the request to shut down cleanly and exit 0.
 // Any other exit status tells the test that the peer failed. The server keeps what the
 // transport logs for the test to ask about.
 #include <parlex/binder.h>
@@ -55,21 +55,13 @@ std::vector<std::string> logged;  // guards: logMutex
 std::atomic<int> inside{0};
 std::atomic<int> mostInside{0};
 
-// Sends every argument kind back and exercises the transport from the server's side.
+// Sends arguments back and exercises the transport from the server's side.
 class Echo : public parlex::AndroidImpl {
 public:
     Echo() {
         bind("echoInt", [](int value) { return value; });
         bind("echoString", [](std::string value) { return value; });
-        // The pointer belongs to the request parcel, which outlives the reply's writing.
-        bind("echoCString", [](const char* value) { return value; });
         bind("echoBuffer", [](AndroidBuffer value) { return value; });
-        bind("describe", [](int i, unsigned int u, bool b, long long ll, float f, std::string s,
-                            const char* c) {
-            return std::to_string(i) + "|" + std::to_string(u) + "|" + (b ? "true" : "false") +
-                   "|" + std::to_string(ll) + "|" + std::to_string(f) + "|" + s + "|" +
-                   (c == nullptr ? "(null)" : c);
-        });
         bind("bigReply", [](int bytes) { return std::string(static_cast<size_t>(bytes), 'r'); });
 
         bind("fail", [](std::string message) -> int { throw std::runtime_error(message); });
@@ -134,15 +126,13 @@ int runServer(const char* service) {
     return 0;
 }
 
-// Proxy i announces "death <i>" when the server goes, and parks "getBuffer" callbacks after
-// announcing "getBuffer <i>".
+// Proxy i parks "getBuffer" callbacks after announcing "getBuffer <i>".
 int runClient(const char* service, const char* type, int count) {
     parlex::AndroidClient client(service);
     std::vector<std::unique_ptr<parlex::AndroidProxy>> proxies;
     for (int i = 0; i < count; ++i) {
         proxies.push_back(std::make_unique<parlex::AndroidProxy>(&client, type));
         const std::string index = std::to_string(i);
-        proxies.back()->bind("death", [index] { say("death " + index); });
         proxies.back()->bind("getBuffer", [index](int) {
             say("getBuffer " + index);
             shutdownRequested.wait();
