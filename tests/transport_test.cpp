@@ -368,42 +368,6 @@ TEST_F(TransportTest, KilledServerFailsThePendingCallAndTellsEachProxyOnce) {
     EXPECT_TRUE(callFromDeathFailed);
 }
 
-// A service runs for long and its clients come and go: what a dropped proxy or a dead client's
-// connection held must go then, not when some other client happens to disconnect later.
-TEST_F(TransportTest, DroppedProxiesAndDeadOrGoneClientsReleaseTheirObjectsAndDescriptors) {
-    CountedServer server(kService);
-    auto local = std::make_unique<AndroidClient>(kService);
-    AndroidProxy survivor(local.get(), "Counted");
-    { AndroidProxy dropped(local.get(), "Counted"); }
-    // The transport thread that created the object may still hold it for a moment.
-    EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; }));
-    const size_t fdsBefore = openFds().size();
-    Process& client = startPeer({"client", kService, "Counted", "3"});
-    EXPECT_EQ(server.alive(), 4);
-    std::shared_ptr<Counted> object = server.made(2);  // the peer's proxy 0
-    ASSERT_TRUE(object);
-
-    auto pending =
-        std::async(std::launch::async, [&] { return object->callback("getBuffer", 16); });
-    const std::optional<std::string> parked = client.readLine();
-    client.kill();  // before any check: a failing one would leave the callback pending for good
-    EXPECT_EQ(parked, "getBuffer 0");
-    ASSERT_TRUE(settles(pending));
-    EXPECT_THROW(pending.get(), dead_object);
-    EXPECT_THROW(object->event("tick", 1), dead_object);
-    object.reset();
-
-    EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; })) << server.alive() << " alive";
-    // The peer's two pipes stay open until the fixture lets the process go; anything beyond
-    // them belongs to the dead connection.
-    EXPECT_TRUE(waitUntil([&] { return openFds().size() == fdsBefore + 2; }))
-        << openFds().size() - fdsBefore - 2 << " descriptors of the dead connection still open";
-    EXPECT_EQ(survivor.call("echoInt", 9).as<int>(), 9);
-    // The remaining proxy outlives its client, and must still be destroyed safely later.
-    local.reset();
-    EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; }));
-}
-
 // A proxy class that binds "death" in its constructor, as the client's track proxy does, after
 // running `meanwhile`.
 struct LateBinder : AndroidProxy {
@@ -645,20 +609,47 @@ INSTANTIATE_TEST_SUITE_P(Frames, MalformedFrameToClientTest, ::testing::ValuesIn
 
 // ---- Clients that go half away, say nothing, or come too many; a process out of descriptors
 
-// The client's event channel goes while an object's own thread waits there for an answer.
-TEST_F(TransportTest, ObjectThatJoinsItsSendingThreadIsReleasedOffThatThreadWhenItsClientGoes) {
+// A service runs for long and its clients come and go: what a dropped proxy or a gone client's
+// connection held must go then, not when some other client happens to disconnect later. Here
+// the client's event channel goes while the server waits there for the answer to a callback and
+// to an event that an object sends from a thread of its own, which its destructor joins.
+TEST_F(TransportTest, DroppedProxiesAndGoneClientsReleaseTheirObjectsAndDescriptorsAtOnce) {
     CountedServer server(kService);
-    const UniqueFd raw = socketAt(servicePath(), false);
-    UniqueFd events = greet(raw.get());
-    transport::Frame created, started, tick;
-    transport::sendFrame(raw.get(), FrameKind::Create, 2, "Counted", 7, {});
-    ASSERT_TRUE(received(raw.get(), created));
-    AndroidParcel start;
-    start.write(std::string(created.payload.begin(), created.payload.end()));
-    start.write(std::string("startTicking"));
-    transport::sendFrame(raw.get(), FrameKind::Call, 3, start->data(), start->dataSize(), {});
-    ASSERT_TRUE(received(raw.get(), started) && received(events.get(), tick));
-    events.reset();
+    auto local = std::make_unique<AndroidClient>(kService);
+    AndroidProxy survivor(local.get(), "Counted");
+    { AndroidProxy dropped(local.get(), "Counted"); }
+    // The transport thread that created the object may still hold it for a moment.
+    EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; }));
+    const size_t fdsBefore = openFds().size();
+    {
+        const UniqueFd raw = socketAt(servicePath(), false);
+        UniqueFd events = greet(raw.get());
+        transport::Frame created, started, tick;
+        for (uint32_t txn : {2, 3}) {
+            transport::sendFrame(raw.get(), FrameKind::Create, txn, "Counted", 7, {});
+            ASSERT_TRUE(received(raw.get(), created));
+        }
+        AndroidParcel start;
+        start.write(std::string(created.payload.begin(), created.payload.end()));
+        start.write(std::string("startTicking"));
+        transport::sendFrame(raw.get(), FrameKind::Call, 4, start->data(), start->dataSize(), {});
+        ASSERT_TRUE(received(raw.get(), started) && received(events.get(), tick));
+        std::shared_ptr<Counted> object = server.made(2);
+        ASSERT_TRUE(object);
+        auto pending =
+            std::async(std::launch::async, [&] { return object->callback("getBuffer", 16); });
+        events.reset();
+        ASSERT_TRUE(settles(pending));
+        EXPECT_THROW(pending.get(), dead_object);
+        EXPECT_THROW(object->event("tick", 1), dead_object);
+        object.reset();
+        EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; })) << server.alive() << " alive";
+    }
+    EXPECT_TRUE(waitUntil([&] { return openFds().size() == fdsBefore; }))
+        << openFds().size() - fdsBefore << " descriptors of the gone connection still open";
+    EXPECT_EQ(survivor.call("echoInt", 9).as<int>(), 9);
+    // The remaining proxy outlives its client, and must still be destroyed safely later.
+    local.reset();
     EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; }));
 }
 

@@ -1,9 +1,7 @@
-// The other process of the transport tests:
-//   parlex_peer server <service>                  publishes "Echo", "Null" and "Throwing";
-//   parlex_peer client <service> <type> <count>   holds <count> proxies of <type>.
-// It talks to the test through its standard streams: one line to stdout for everything the test
-// waits for ("ready", "hanging" when a request is parked, "getBuffer <i>" from the client's
-// proxy i), and the end of stdin as the request to shut down cleanly and exit 0.
+// The other process of the transport tests: `parlex_peer server <service>` publishes "Echo",
+// "Null" and "Throwing". It talks to the test through its standard streams: one line to stdout
+// for everything the test waits for ("ready", "hanging" when a request is parked), and the end of
+// stdin as the request to shut down cleanly and exit 0.
 // Any other exit status tells the test that the peer failed. The server keeps what the
 // transport logs for the test to ask about.
 #include <parlex/binder.h>
@@ -14,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <memory>
@@ -126,37 +123,15 @@ int runServer(const char* service) {
     return 0;
 }
 
-// Proxy i parks "getBuffer" callbacks after announcing "getBuffer <i>".
-int runClient(const char* service, const char* type, int count) {
-    parlex::AndroidClient client(service);
-    std::vector<std::unique_ptr<parlex::AndroidProxy>> proxies;
-    for (int i = 0; i < count; ++i) {
-        proxies.push_back(std::make_unique<parlex::AndroidProxy>(&client, type));
-        const std::string index = std::to_string(i);
-        proxies.back()->bind("getBuffer", [index](int) {
-            say("getBuffer " + index);
-            shutdownRequested.wait();
-            return AndroidBuffer();
-        });
-    }
-    say("ready");
-    waitForEndOfStdin();
-    client.stop();
-    return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     try {
         if (argc == 3 && std::strcmp(argv[1], "server") == 0) return runServer(argv[2]);
-        if (argc == 5 && std::strcmp(argv[1], "client") == 0) {
-            return runClient(argv[2], argv[3], std::atoi(argv[4]));
-        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "parlex_peer %s: %s\n", argv[1], error.what());
         return 1;
     }
-    std::fprintf(stderr, "usage: parlex_peer server <service> | client <service> <type> <count>\n");
+    std::fprintf(stderr, "usage: parlex_peer server <service>\n");
     return 2;
 }
