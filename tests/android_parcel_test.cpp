@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>

@@ -110,7 +110,7 @@ TEST_F(EndToEndTest, PcmArrivesByteExactWithTheListenersCountBroughtIntoRange) {
     listener_.reset();
     ASSERT_TRUE(peer_.writeLine("pull 1 100"));
     EXPECT_TRUE(says("pulled 0 1"));
-    EXPECT_TRUE(sink_->contains("getBuffer:No listener found"));
+    EXPECT_EQ(sink_->count(LOG_ERROR, "getBuffer:No listener found"), 1u);
 }
 
 // A second init leaves only the second listener registered.
@@ -178,7 +178,8 @@ TEST_F(ClientTest, OnlyDestroySendsDestroyAndRequestsAfterItFail) {
     track->destroy();
     EXPECT_EQ(destroys, 1);
     EXPECT_FALSE(track->play());
-    EXPECT_TRUE(sink_->contains("remoteCall:RPC failed exception: parlex: client stopped"));
+    EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:RPC failed exception: parlex: client stopped"),
+              1u);
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 
 namespace orv::test {
 
-std::string text(float value) { return std::to_string(value); }
 std::string text(const SourceConfig& c) { return join(c.type, c.sampleRate, c.url); }
 
 template <typename... Args>

@@ -53,14 +53,6 @@ public:
         return n;
     }
 
-    // Whether any line's message contains `text`.
-    bool contains(const std::string& text) const {
-        for (const LogEntry& entry : entries()) {
-            if (entry.message.find(text) != std::string::npos) return true;
-        }
-        return false;
-    }
-
     void clear() {
         std::lock_guard<std::mutex> lock(mutex_);
         entries_.clear();

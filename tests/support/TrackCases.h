@@ -20,11 +20,11 @@ namespace orv::test {
 
 inline uint8_t patternByte(uint64_t i) { return static_cast<uint8_t>(i * 7 + (i >> 11)); }
 
-inline std::string text(long long value) { return std::to_string(value); }
-inline std::string text(int value) { return std::to_string(value); }
-inline std::string text(unsigned int value) { return std::to_string(value); }
-inline std::string text(bool value) { return value ? "1" : "0"; }
-inline std::string text(ErrorType value) { return text(static_cast<int>(value)); }
+// A number as std::to_string writes it (a flag as 1 or 0), an enumeration as its number.
+template <typename N, typename = std::enable_if_t<std::is_arithmetic_v<N> || std::is_enum_v<N>>>
+std::string text(N value) {
+    return std::to_string(static_cast<std::conditional_t<std::is_enum_v<N>, int, N>>(value));
+}
 inline std::string text(const char* value) { return value != nullptr ? value : "(null)"; }
 inline std::string text(const PlaybackAttributes& a);
 template <typename... T>
