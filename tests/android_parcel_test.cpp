@@ -25,8 +25,8 @@ AndroidParcel transfer(const AndroidParcel& from) {
 
 }  // namespace
 
-// Round trips of every argument type, extremes included, are in transport_test across processes,
-// and the record layouts pin their encodings byte for byte.
+// Round trips of every argument type are the records' (record_codec_test), which pin their
+// encodings byte for byte.
 TEST(AndroidParcelCodec, AnyNonZeroIntReadsAsTrueAndReadsPastTheEndKeepTheTarget) {
     AndroidParcel parcel;
     parcel->writeInt32(7);
