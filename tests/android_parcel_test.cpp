@@ -25,7 +25,7 @@ AndroidParcel transfer(const AndroidParcel& from) {
 
 }  // namespace
 
-// Round trips of every argument type are the records' (record_codec_test), which pin their
+// Round trips of every argument type are the records' (records_test), which pin their
 // encodings byte for byte.
 TEST(AndroidParcelCodec, AnyNonZeroIntReadsAsTrueAndReadsPastTheEndKeepTheTarget) {
     AndroidParcel parcel;

@@ -37,7 +37,7 @@ int blobMappingCount() {
 }  // namespace
 
 // Integers, floats and C strings are pinned by the records' hand-written images
-// (record_codec_test).
+// (records_test).
 TEST(ParcelLayout, PaddingIsZeroAndString8KeepsItsZerosAndNullMarker) {
     struct Case {
         const char* name;
