@@ -32,13 +32,6 @@ protected:
 
 class EndToEndTest : public ClientTest {
 protected:
-    // True once the peer writes `line`, skipping the lines before it.
-    bool says(const std::string& line) {
-        while (auto next = peer_.readLine()) {
-            if (*next == line) return true;
-        }
-        return false;
-    }
     // Runs every request on `on` and checks the client's lines and the result: the player's
     // answer, once its call has shown up; when `dead`, the default after "server not running".
     template <typename Track>
@@ -54,6 +47,9 @@ protected:
             EXPECT_EQ(sink_->entries(), log);
         }
     }
+
+    // True once the peer writes a line with `text`, skipping the lines before it.
+    bool says(const std::string& text) { return peer_.readUntil(text).has_value(); }
 
     parlex::test::Process peer_{{PLAYER_SERVICE_PATH}};
     const bool ready_ = says("ready");  // before the fixture's proxy connects

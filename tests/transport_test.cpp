@@ -368,27 +368,15 @@ TEST_F(TransportTest, KilledServerFailsThePendingCallAndTellsEachProxyOnce) {
     EXPECT_TRUE(callFromDeathFailed);
 }
 
-// A proxy class that binds "death" in its constructor, as the client's track proxy does, after
-// running `meanwhile`.
-struct LateBinder : AndroidProxy {
-    LateBinder(AndroidClient* client, const std::function<void()>& meanwhile,
-               std::atomic<int>& deaths)
-        : AndroidProxy(client, "Echo") {
-        meanwhile();
-        bind("death", [&deaths] { ++deaths; });
-    }
-};
-
-TEST_F(EchoTest, DeathThatComesWhileAProxyIsConstructedReachesItOnceItBindsDeath) {
+// The client's track proxy binds "death" in its constructor: a death that comes before then
+// must still reach it.
+TEST_F(EchoTest, DeathThatComesBeforeAProxyBindsDeathReachesItOnceItDoes) {
     std::atomic<int> witnessed{0}, deaths{0};
     echo_.bind("death", [&] { ++witnessed; });
-    LateBinder late(
-        &client_,
-        [&] {
-            server_.kill();
-            EXPECT_TRUE(waitUntil([&] { return witnessed == 1; }));
-        },
-        deaths);
+    AndroidProxy late(&client_, "Echo");
+    server_.kill();
+    ASSERT_TRUE(waitUntil([&] { return witnessed == 1; }));
+    late.bind("death", [&] { ++deaths; });
     EXPECT_TRUE(waitUntil([&] { return deaths == 1; }));
     client_.stop();
     EXPECT_EQ(deaths, 1);
@@ -666,21 +654,6 @@ TEST_F(TransportTest, SilentClientsGoAtTheGreetingDeadlineAndClientsBeyondTheCap
     EXPECT_TRUE(serves());
 }
 
-// Lets this process write no byte to a file while it lives, a payload's memfd included.
-struct NoFileBytes {
-    NoFileBytes() {
-        ::getrlimit(RLIMIT_FSIZE, &saved);
-        const rlimit none{0, saved.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &none);
-    }
-    ~NoFileBytes() {
-        ::setrlimit(RLIMIT_FSIZE, &saved);
-        std::signal(SIGXFSZ, previous);
-    }
-    rlimit saved{};
-    void (*previous)(int) = std::signal(SIGXFSZ, SIG_IGN);
-};
-
 // The peer server at its descriptor limit fails a request that came with a memfd and a reply
 // that needs one, and its accept thread lets a new client wait and says so once. This process
 // fails a large call whose memfd it cannot fill. None of it costs a connection.
@@ -707,11 +680,16 @@ TEST_F(EchoTest, LocalShortagesFailOnlyTheCallsTheyHitAndTheServerSaysSoOnce) {
     EXPECT_EQ(outOfDescriptors(), 1);
     greet(waiting.get());
 
-    std::string largeCall;
-    {
-        NoFileBytes limit;
-        largeCall = errorOf([&] { echo_.call("echoInt", std::string(kMaxMessageSize / 2, 'l')); });
-    }
+    // This process may write no byte to a file meanwhile, a payload's memfd included.
+    rlimit saved{};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    const rlimit none{0, saved.rlim_max};
+    const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &none);
+    const std::string largeCall =
+        errorOf([&] { echo_.call("echoInt", std::string(kMaxMessageSize / 2, 'l')); });
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, previous);
     EXPECT_THAT(largeCall, StartsWith("error: "));
     EXPECT_EQ(echo_.call("echoInt", 2).as<int>(), 2);
 }

@@ -84,6 +84,15 @@ public:
         }
     }
 
+    // Skips lines up to the first that contains `text` and returns it; nullopt at end of file or
+    // when none arrives in time.
+    std::optional<std::string> readUntil(const std::string& text) {
+        while (auto line = readLine()) {
+            if (line->find(text) != std::string::npos) return line;
+        }
+        return std::nullopt;
+    }
+
     // Writes `line` to the child's stdin, which must still be open (else SIGPIPE).
     bool writeLine(const std::string& line) {
         const std::string text = line + "\n";
