@@ -37,7 +37,7 @@ protected:
     template <typename Track>
     void expectRequests(Track& on, bool dead) {
         for (const auto& row : requestRows<Track>()) {
-            SCOPED_TRACE(row.method);
+            SCOPED_TRACE(row.player);
             sink_->clear();
             EXPECT_EQ(row.call(on), dead ? row.failed : row.answered);
             EXPECT_TRUE(dead || says(row.player));
@@ -125,14 +125,14 @@ TEST_F(EndToEndTest, RequestsReachThePlayerUntilTheServiceDiesThenFailAtOnceAfte
         return sink_->count(LOG_LIFECYCLE, "operator():received server death notification") == 2;
     }));
     EXPECT_EQ(sink_->count(kCall, "onServerDeath"), 1u);
-    EXPECT_EQ(firstJournal->size(), 0u);
+    EXPECT_EQ(firstJournal->entries().size(), 0u);
     expectRequests(*track, true);
     expectRequests(proxy_, true);
     // A new track finds no service: one line, from the connecting code.
     sink_->clear();
     EXPECT_FALSE(std::unique_ptr<ZEMAudioTrack>(createZEMAudioTrack())
                      ->init(std::shared_ptr<EventListenerV3>(listener_), sink_));
-    ASSERT_EQ(sink_->size(), 1u);
+    ASSERT_EQ(sink_->entries().size(), 1u);
     EXPECT_EQ(sink_->count(LOG_ERROR, protocol::kServiceName), 1u);
     EXPECT_EQ(sink_->entries()[0].tag, "ClientTrackImpl");
 }

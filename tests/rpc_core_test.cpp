@@ -34,8 +34,7 @@ public:
     std::vector<Bytes> sent;
 };
 
-using FakeClient = FakeSender;
-using Proxy = ProxyBase<FakeClient, AndroidParcel>;
+using Proxy = ProxyBase<FakeSender, AndroidParcel>;
 
 class FakeImpl : public ImplBase<FakeImpl, AndroidParcel>, public FakeSender {
 public:
@@ -53,7 +52,7 @@ Bytes expectedBytes(const std::function<void(android::Parcel&)>& write) {
 // What call, event and callback put on the wire for `name` with `args`.
 template <typename... Args>
 std::vector<Bytes> requestsFor(const std::string& name, Args... args) {
-    FakeClient client;
+    FakeSender client;
     Proxy proxy(&client, "Track#3");
     FakeImpl impl;
     proxy.call(name, args...);
@@ -95,7 +94,7 @@ TEST(RpcCoreTest, RequestIsObjectIdentifierNameAndArgumentsOnly) {
 // proxy's handler may be dispatched without a reply parcel, and then runs and drops its result.
 TEST(RpcCoreTest, SecondBindingRunsAndItsResultIsTheWholeReplyOrDroppedWithoutReplyParcel) {
     FakeImpl impl;
-    FakeClient client;
+    FakeSender client;
     Proxy proxy(&client, "Track#1");
     impl.bind("getSourceId", [] { return 1LL; });
     impl.bind("getSourceId", [] { return 77LL; });

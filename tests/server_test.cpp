@@ -68,7 +68,7 @@ protected:
     // ThreadSanitizer does not see the pipe and socket between this thread and the server's; the
     // sink's lock, which the server takes to log before it calls the player, orders them.
     std::string send(Process& peer, const std::string& command) {
-        sink->size();
+        sink->entries();
         peer.writeLine(command);
         return peer.readLine().value_or("(no answer)");
     }

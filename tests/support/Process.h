@@ -100,7 +100,6 @@ public:
     }
 
     bool running() const { return pid_ > 0; }
-    // Ends the child with SIGKILL and reaps it.
     void kill() {
         if (!running()) return;
         ::kill(pid_, SIGKILL);

@@ -42,8 +42,6 @@ public:
         return entries_;
     }
 
-    size_t size() const { return entries().size(); }
-
     // Lines at `level` whose message contains `text` ("" matches every line at that level).
     size_t count(LogLevel level, const std::string& text = "") const {
         size_t n = 0;

@@ -190,11 +190,10 @@ Source urlSource() {
     return source;
 }
 
-// A request: the name sent, the client's line (none if null), the call, its result on failure,
-// the call the player_service peer's player gets and the result of its answer.
+// A request: the client's line (none if null), the call, its result on failure, the call the
+// player_service peer's player gets and the result of its answer.
 template <typename Track>
 struct RequestRow {
-    const char* method;
     LogLevel level;
     const char* log;
     std::function<std::string(Track&)> call;
@@ -206,42 +205,37 @@ template <typename Track>
 std::vector<RequestRow<Track>> requestRows() {
     static const MediaDescription d;
     // clang-format off
-#define ROW(method, level, log, call, failed, player, answered) \
-    {method, LogLevel(level), log, [](Track& t) { return text(t.call); }, failed, player, answered}
-// Sent, logged at level 2 and passed to the player under its own name.
-#define PLAIN(name, failed, answered) ROW(#name, 2, #name ": ", name(), failed, #name " 7", answered)
-#define SOURCE(method, ...) \
-    ROW(method, 2, "setSource: ", setSource(__VA_ARGS__), "-1", "setSource 1/0/http://u/ c1", "7")
+#define ROW(level, log, call, failed, player, answered) \
+    {LogLevel(level), log, [](Track& t) { return text(t.call); }, failed, player, answered}
+// Logged at level 2 and passed to the player under its own name.
+#define PLAIN(name, failed, answered) ROW(2, #name ": ", name(), failed, #name " 7", answered)
+#define SOURCE(...) \
+    ROW(2, "setSource: ", setSource(__VA_ARGS__), "-1", "setSource 1/0/http://u/ c1", "7")
     std::vector<RequestRow<Track>> rows = {
-        ROW("setSource", 2, "setSource: ", setSource(pcmFormat(), "c1"), "-1",
-            "setSource 0/44100/(null)/ c1", "7"),
-        SOURCE("setZEMAudioSource", urlSource<ZEMAudioSource>()),
-        SOURCE("setZEMAudioSourceMediaDescription", urlSource<ZEMAudioSource>(), d),
-        SOURCE("setZEMAudioSourceV2MediaDescription", urlSource<ZEMAudioSourceV2>(), d),
-        SOURCE("setZEMAudioSourceV3MediaDescription", urlSource<ZEMAudioSourceV3>(), d),
-        SOURCE("setZEMAudioSourceV4MediaDescription", urlSource<ZEMAudioSourceV4>(), d),
-        PLAIN(play, "0", "1"), PLAIN(stop, "0", "1"), PLAIN(pause, "0", "1"), PLAIN(resume, "0", "1"),
-        ROW("seekTo", 2, "seekTo:millis=1500, fromStart=1", seekTo(1500, true), "0",
-            "seekTo 7 1500 1", "1"),
-        ROW("getOffset", 1, "getOffset: ", getOffset(), "-1", "getOffset 7", "1234"),
+        ROW(2, "setSource: ", setSource(pcmFormat(), "c1"), "-1", "setSource 0/44100/(null)/ c1",
+            "7"),
+        SOURCE(urlSource<ZEMAudioSource>()), SOURCE(urlSource<ZEMAudioSource>(), d),
+        SOURCE(urlSource<ZEMAudioSourceV2>(), d), SOURCE(urlSource<ZEMAudioSourceV3>(), d),
+        SOURCE(urlSource<ZEMAudioSourceV4>(), d), PLAIN(play, "0", "1"),
+        PLAIN(stop, "0", "1"), PLAIN(pause, "0", "1"), PLAIN(resume, "0", "1"),
+        ROW(2, "seekTo:millis=1500, fromStart=1", seekTo(1500, true), "0", "seekTo 7 1500 1", "1"),
+        ROW(1, "getOffset: ", getOffset(), "-1", "getOffset 7", "1234"),
         PLAIN(getMediaPlayerState, "0/0//0/", "5/6/prot/1/"),
         PLAIN(getMediaPlayerStateV2, "0/0//0//", "1000/3/drm/1/live/"),
         PLAIN(getFingerprint, "///", "f1/f2/f3/"),
-        ROW("getPlaybackAttributes", 2, nullptr, getPlaybackAttributes(), "//0/0/",
-            "getPlaybackAttributes 7", "a/b/1/2/"),
-        ROW("getPlaybackReports", 4, "getPlaybackReports:Deprecated getPlaybackReports function, "
-            "this device is using an outdated client.", getPlaybackReports(), "0:",
-            "getPlaybackReports 7", "1:0/(null)/(null)/0/0//"),
-        ROW("getPlaybackReportArray", 2, "getPlaybackReportArray:", getPlaybackReportArray(), "0:",
+        ROW(2, nullptr, getPlaybackAttributes(), "//0/0/", "getPlaybackAttributes 7", "a/b/1/2/"),
+        ROW(4, "getPlaybackReports:Deprecated getPlaybackReports function, this device is using an "
+            "outdated client.", getPlaybackReports(), "0:", "getPlaybackReports 7",
+            "1:0/(null)/(null)/0/0//"),
+        ROW(2, "getPlaybackReportArray:", getPlaybackReportArray(), "0:",
             "getPlaybackReportArray 7", "2:0/(null)/(null)/0/0//0/(null)/(null)/0/0//"),
-        ROW("setVolume", 2, "setVolume:volumeGain=0.500000", setVolume(0.5f), "0",
-            "setVolume 0.500000 7", "1"),
-        ROW("setFocusSessionId", 2, "setFocusSessionId:focusSessionId=9", setFocusSessionId(9), "0",
+        ROW(2, "setVolume:volumeGain=0.500000", setVolume(0.5f), "0", "setVolume 0.500000 7", "1"),
+        ROW(2, "setFocusSessionId:focusSessionId=9", setFocusSessionId(9), "0",
             "setFocusSessionId 9 7", "1"),
     };
     if constexpr (!std::is_same_v<Track, ZEMAudioTrack>) {
-        rows.push_back(ROW("newDecryptKey", 2, "newDecryptKey:", newDecryptKey("k3y"), "0",
-                           "newDecryptKey 7 k3y", "1"));
+        rows.push_back(
+            ROW(2, "newDecryptKey:", newDecryptKey("k3y"), "0", "newDecryptKey 7 k3y", "1"));
     }
 #undef ROW
 #undef PLAIN
