@@ -96,9 +96,8 @@ TEST(LoggingTest, ExceptionFromSinkReachesCaller) {
             throw std::runtime_error("sink failed");
         }
     };
-    auto sink = std::make_shared<ThrowingSink>();
-    TrackLogger rpc(sink, kTag);
-    EXPECT_THROW(rpc.log(LOG_TRACE, "play", " "), std::runtime_error);
+    auto sink = std::make_shared<ThrowingSink>();  // held: the logger holds it weakly
+    EXPECT_THROW(TrackLogger(sink, kTag).log(LOG_TRACE, "play", " "), std::runtime_error);
 }
 
 }  // namespace

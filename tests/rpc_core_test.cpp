@@ -1,7 +1,6 @@
-// The named-method RPC core without a transport. A fake client and a fake remote object record
-// every parcel they are asked to send and answer at once with an empty reply, so these tests
-// see exactly the bytes that would go on the wire and drive the handler tables the way the
-// transport does. Everything that needs a second process is in transport_test.
+// The named-method RPC core without a transport: a fake client and a fake remote object record
+// every parcel they are asked to send and answer at once with an empty reply, so that the tests
+// see the bytes that would go on the wire and drive the handler tables as the transport does.
 #include <gtest/gtest.h>
 #include <parlex/parlex.h>
 

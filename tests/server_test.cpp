@@ -31,22 +31,7 @@ template <typename... T>
 std::string hex(const T&... values) {
     parlex::AndroidParcel parcel;
     ((parcel << values), ...);
-    std::string text;
-    for (const uint8_t* byte = parcel->data(); byte < parcel->data() + parcel->dataSize(); ++byte) {
-        text += {"0123456789abcdef"[*byte >> 4], "0123456789abcdef"[*byte & 15]};
-    }
-    return text.empty() ? "-" : text;
-}
-
-template <typename Source = ZEMAudioSource>
-Source source(int32_t type, uint32_t channels = 2, uint32_t bits = 16, bool isSigned = true,
-              int32_t layout = 1) {
-    Source made;
-    made.type = type;
-    made.format = {0, 48000, bits, channels, isSigned, layout, 9};
-    made.setClusterId("c");
-    made.setUrl("https://a");  // looked at only in a URL source
-    return made;
+    return hexOf(parcel->data(), parcel->dataSize());
 }
 
 class ServerTest : public Test {

@@ -1,9 +1,8 @@
-// The host transport between real processes. The test process plays one side and a parlex_peer
+// The host transport between real processes: the test process plays one side and a parlex_peer
 // process (tests/peer) the other, over the real sockets; raw sockets play a peer that breaks the
-// framing. Every test gets its own runtime directory, so no two tests share a socket, and an
-// alarm ends a binary whose test hangs (the last "[ RUN ]" line names it). What the transport
-// logs is kept, not printed: tests that provoke a line assert on it, and a failed test shows
-// them all.
+// framing. Each test has its own runtime directory, and an alarm ends a binary whose test hangs
+// (the last "[ RUN ]" line names it). What the transport logs is kept for the tests that provoke
+// a line to assert on, and shown when a test fails.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -230,9 +229,9 @@ TEST_F(TransportTest, RuntimeDirIsPrivateAndTheSocketTakesTheConfiguredMode) {
         server.start(kService);
 
         EXPECT_EQ(fs::status(dir).permissions(), fs::perms::owner_all);
-        const fs::file_status socket = fs::status(dir + "/" + kService);
-        EXPECT_EQ(socket.type(), fs::file_type::socket);
-        EXPECT_EQ(socket.permissions(), fs::perms(*modeVariable ? 0660 : 0600)) << modeVariable;
+        EXPECT_EQ(fs::status(dir + "/" + kService).type(), fs::file_type::socket);
+        EXPECT_EQ(fs::status(dir + "/" + kService).permissions(),
+                  fs::perms(*modeVariable ? 0660 : 0600));
     }
 }
 
@@ -545,8 +544,7 @@ TEST_P(MalformedFrameToClientTest, ClientDisconnectsLogsItAndReportsDeathOnce) {
     // Plays the server until the client holds one proxy, then hands over both channels.
     auto fake = std::async(std::launch::async, [&] {
         std::pair<UniqueFd, UniqueFd> channels;
-        transport::Frame hello;
-        transport::Frame create;
+        transport::Frame hello, create;
         if (!readable(listener.get())) return channels;
         channels.first.reset(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!received(channels.first.get(), hello) || hello.fds.size() != 1) return channels;

@@ -25,10 +25,8 @@ namespace {
 
 using parlex::AndroidBuffer;
 
-// One line to the test. Handlers announce from transport threads, hence the lock.
+// One line to the test: "ready", then "hanging" from a handler.
 void say(const std::string& line) {
-    static std::mutex mutex;
-    std::lock_guard<std::mutex> lock(mutex);
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
 }
@@ -36,13 +34,6 @@ void say(const std::string& line) {
 // Set when stdin ends; parked handlers return then, so that the shutdown can join them.
 std::promise<void> stdinEnded;
 const std::shared_future<void> shutdownRequested = stdinEnded.get_future().share();
-
-void waitForEndOfStdin() {
-    char buffer[64];
-    while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
-    }
-    stdinEnded.set_value();
-}
 
 // What the transport logged, kept for the test to ask about rather than printed.
 std::mutex logMutex;
@@ -118,7 +109,9 @@ int runServer(const char* service) {
     });
     server.start(service);
     say("ready");
-    waitForEndOfStdin();
+    for (char buffer[64]; ::read(STDIN_FILENO, buffer, sizeof buffer) > 0;) {
+    }
+    stdinEnded.set_value();
     server.stop();
     return 0;
 }

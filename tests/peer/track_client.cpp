@@ -31,13 +31,7 @@ void say(const std::string& line) {
 struct Raw {
     std::vector<uint8_t> bytes;
 
-    std::string hex() const {
-        std::string text;
-        for (uint8_t byte : bytes) {
-            text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
-        }
-        return text.empty() ? "-" : text;
-    }
+    std::string hex() const { return orv::test::hexOf(bytes.data(), bytes.size()); }
 };
 parlex::AndroidParcel& operator<<(parlex::AndroidParcel& parcel, const Raw& raw) {
     parcel->write(raw.bytes.data(), raw.bytes.size());

@@ -63,9 +63,7 @@ public:
         stdin_.reset(in[1]);
         stdout_.reset(out[0]);
     }
-    ~Process() { kill(); }
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
+    ~Process() { kill(); }  // not copied: it owns the child and the pipes
 
     // The next line of stdout; nullopt on end of file or when no whole line arrives in time.
     std::optional<std::string> readLine() {

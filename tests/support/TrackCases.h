@@ -20,6 +20,14 @@ namespace orv::test {
 
 inline uint8_t patternByte(uint64_t i) { return static_cast<uint8_t>(i * 7 + (i >> 11)); }
 
+// Bytes in hex, "-" for none: how the server tests and their peer write wire bytes.
+inline std::string hexOf(const uint8_t* bytes, size_t size) {
+    std::string text;
+    for (size_t i = 0; i < size; ++i)
+        text += {"0123456789abcdef"[bytes[i] >> 4], "0123456789abcdef"[bytes[i] & 15]};
+    return text.empty() ? "-" : text;
+}
+
 // A number as std::to_string writes it (a flag as 1 or 0), an enumeration as its number.
 template <typename N, typename = std::enable_if_t<std::is_arithmetic_v<N> || std::is_enum_v<N>>>
 std::string text(N value) {
@@ -181,13 +189,15 @@ inline void fireEvents(MediaClientDelegate& to) {
 }
 
 inline ZEMAudioFormat pcmFormat() { return ZEMAudioFormat{0, 44100, 16, 2, true, 1, 0}; }
-template <typename Source>
-Source urlSource() {
-    Source source;
-    source.type = kSourceTypeUrl;
-    source.setUrl("http://u");
-    source.setClusterId("c1");
-    return source;
+template <typename Source = ZEMAudioSource>
+Source source(int32_t type, uint32_t channels = 2, uint32_t bits = 16, bool isSigned = true,
+              int32_t layout = 1) {
+    Source made;
+    made.type = type;
+    made.format = {0, 48000, bits, channels, isSigned, layout, 9};
+    made.setClusterId("c");
+    made.setUrl("https://a");  // looked at only in a URL source
+    return made;
 }
 
 // A request: the client's line (none if null), the call, its result on failure, the call the
@@ -204,19 +214,20 @@ struct RequestRow {
 template <typename Track>
 std::vector<RequestRow<Track>> requestRows() {
     static const MediaDescription d;
+    static const auto url = [](auto version) { return source<decltype(version)>(kSourceTypeUrl); };
     // clang-format off
 #define ROW(level, log, call, failed, player, answered) \
     {LogLevel(level), log, [](Track& t) { return text(t.call); }, failed, player, answered}
 // Logged at level 2 and passed to the player under its own name.
 #define PLAIN(name, failed, answered) ROW(2, #name ": ", name(), failed, #name " 7", answered)
 #define SOURCE(...) \
-    ROW(2, "setSource: ", setSource(__VA_ARGS__), "-1", "setSource 1/0/http://u/ c1", "7")
+    ROW(2, "setSource: ", setSource(__VA_ARGS__), "-1", "setSource 1/0/https://a/ c", "7")
     std::vector<RequestRow<Track>> rows = {
         ROW(2, "setSource: ", setSource(pcmFormat(), "c1"), "-1", "setSource 0/44100/(null)/ c1",
             "7"),
-        SOURCE(urlSource<ZEMAudioSource>()), SOURCE(urlSource<ZEMAudioSource>(), d),
-        SOURCE(urlSource<ZEMAudioSourceV2>(), d), SOURCE(urlSource<ZEMAudioSourceV3>(), d),
-        SOURCE(urlSource<ZEMAudioSourceV4>(), d), PLAIN(play, "0", "1"),
+        SOURCE(url(ZEMAudioSource())), SOURCE(url(ZEMAudioSource()), d),
+        SOURCE(url(ZEMAudioSourceV2()), d), SOURCE(url(ZEMAudioSourceV3()), d),
+        SOURCE(url(ZEMAudioSourceV4()), d), PLAIN(play, "0", "1"),
         PLAIN(stop, "0", "1"), PLAIN(pause, "0", "1"), PLAIN(resume, "0", "1"),
         ROW(2, "seekTo:millis=1500, fromStart=1", seekTo(1500, true), "0", "seekTo 7 1500 1", "1"),
         ROW(1, "getOffset: ", getOffset(), "-1", "getOffset 7", "1234"),
