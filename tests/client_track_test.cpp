@@ -32,19 +32,12 @@ protected:
 
 class EndToEndTest : public ClientTest {
 protected:
-    // True once the peer writes `line`, skipping the lines before it.
-    bool says(const std::string& line) {
-        while (auto next = peer_.readLine()) {
-            if (*next == line) return true;
-        }
-        return false;
-    }
     // Runs every request on `on` and checks the client's lines and the result: the player's
     // answer, once its call has shown up; when `dead`, the default after "server not running".
     template <typename Track>
     void expectRequests(Track& on, bool dead) {
         for (const auto& row : requestRows<Track>()) {
-            SCOPED_TRACE(row.method);
+            SCOPED_TRACE(row.player);
             sink_->clear();
             EXPECT_EQ(row.call(on), dead ? row.failed : row.answered);
             EXPECT_TRUE(dead || says(row.player));
@@ -54,6 +47,9 @@ protected:
             EXPECT_EQ(sink_->entries(), log);
         }
     }
+
+    // True once the peer writes a line with `text`, skipping the lines before it.
+    bool says(const std::string& text) { return peer_.readUntil(text).has_value(); }
 
     parlex::test::Process peer_{{PLAYER_SERVICE_PATH}};
     const bool ready_ = says("ready");  // before the fixture's proxy connects
@@ -110,7 +106,7 @@ TEST_F(EndToEndTest, PcmArrivesByteExactWithTheListenersCountBroughtIntoRange) {
     listener_.reset();
     ASSERT_TRUE(peer_.writeLine("pull 1 100"));
     EXPECT_TRUE(says("pulled 0 1"));
-    EXPECT_TRUE(sink_->contains("getBuffer:No listener found"));
+    EXPECT_EQ(sink_->count(LOG_ERROR, "getBuffer:No listener found"), 1u);
 }
 
 // A second init leaves only the second listener registered.
@@ -129,14 +125,14 @@ TEST_F(EndToEndTest, RequestsReachThePlayerUntilTheServiceDiesThenFailAtOnceAfte
         return sink_->count(LOG_LIFECYCLE, "operator():received server death notification") == 2;
     }));
     EXPECT_EQ(sink_->count(kCall, "onServerDeath"), 1u);
-    EXPECT_EQ(firstJournal->size(), 0u);
+    EXPECT_EQ(firstJournal->entries().size(), 0u);
     expectRequests(*track, true);
     expectRequests(proxy_, true);
     // A new track finds no service: one line, from the connecting code.
     sink_->clear();
     EXPECT_FALSE(std::unique_ptr<ZEMAudioTrack>(createZEMAudioTrack())
                      ->init(std::shared_ptr<EventListenerV3>(listener_), sink_));
-    ASSERT_EQ(sink_->size(), 1u);
+    ASSERT_EQ(sink_->entries().size(), 1u);
     EXPECT_EQ(sink_->count(LOG_ERROR, protocol::kServiceName), 1u);
     EXPECT_EQ(sink_->entries()[0].tag, "ClientTrackImpl");
 }
@@ -178,7 +174,8 @@ TEST_F(ClientTest, OnlyDestroySendsDestroyAndRequestsAfterItFail) {
     track->destroy();
     EXPECT_EQ(destroys, 1);
     EXPECT_FALSE(track->play());
-    EXPECT_TRUE(sink_->contains("remoteCall:RPC failed exception: parlex: client stopped"));
+    EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:RPC failed exception: parlex: client stopped"),
+              1u);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <orv/AudioServerImpl.h>
 #include <orv/ZEMAudioServer.h>
 
-#include <functional>
 #include <future>
 #include <map>
 #include <memory>
@@ -17,7 +16,7 @@
 #include "common/RecordCodec.h"
 #include "support/MockPlayer.h"
 #include "support/Process.h"
-#include "support/RecordingLogSink.h"
+#include "support/TrackCases.h"
 
 namespace orv::test {
 namespace {
@@ -32,22 +31,7 @@ template <typename... T>
 std::string hex(const T&... values) {
     parlex::AndroidParcel parcel;
     ((parcel << values), ...);
-    std::string text;
-    for (const uint8_t* byte = parcel->data(); byte < parcel->data() + parcel->dataSize(); ++byte) {
-        text += {"0123456789abcdef"[*byte >> 4], "0123456789abcdef"[*byte & 15]};
-    }
-    return text.empty() ? "-" : text;
-}
-
-template <typename Source = ZEMAudioSource>
-Source source(int32_t type, uint32_t channels = 2, uint32_t bits = 16, bool isSigned = true,
-              int32_t layout = 1) {
-    Source made;
-    made.type = type;
-    made.format = {0, 48000, bits, channels, isSigned, layout, 9};
-    made.setClusterId("c");
-    made.setUrl("https://a");  // looked at only in a URL source
-    return made;
+    return hexOf(parcel->data(), parcel->dataSize());
 }
 
 class ServerTest : public Test {
@@ -69,7 +53,7 @@ protected:
     // ThreadSanitizer does not see the pipe and socket between this thread and the server's; the
     // sink's lock, which the server takes to log before it calls the player, orders them.
     std::string send(Process& peer, const std::string& command) {
-        sink->size();
+        sink->entries();
         peer.writeLine(command);
         return peer.readLine().value_or("(no answer)");
     }
@@ -89,18 +73,16 @@ protected:
 };
 
 TEST_F(ServerTest, RequestReachesPlayerWithCurrentSourceIdAndAMalformedOneChangesNothing) {
-    const MediaPlayerStateV2 state(6, 2, MediaPlayerProtection("p", true), "hls");
-    // Other source ids or values get the mock's default results, as the other records do.
+    // Other source ids or values get the mock's default results; the player's offset and records
+    // reach the client in its end-to-end tests.
     ON_CALL(*player, play(100)).WillByDefault(Return(3));
     ON_CALL(*player, stop(100)).WillByDefault(Return(4));
     ON_CALL(*player, pause(100)).WillByDefault(Return(5));
     ON_CALL(*player, resume(100)).WillByDefault(Return(-6));
     ON_CALL(*player, seekTo(100, 1500, true)).WillByDefault(Return(7));
-    ON_CALL(*player, getOffset(100)).WillByDefault(Return(1234));
     ON_CALL(*player, newDecryptKey(100, StrEq("key"))).WillByDefault(Return(8));
     ON_CALL(*player, setVolume(0.5f, 100)).WillByDefault(Return(9));
     ON_CALL(*player, setFocusSessionId(4294967295u, 100)).WillByDefault(Return(10));
-    ON_CALL(*player, getMediaPlayerStateV2(100)).WillByDefault(Return(state));
     Process& peer = client(1);  // the player is set up before the server's threads first call it
     setPcm(peer, 0, 100);
     const std::string pcm = hex(source(0));
@@ -120,12 +102,12 @@ TEST_F(ServerTest, RequestReachesPlayerWithCurrentSourceIdAndAMalformedOneChange
              {"pause", "-", hex(5)},
              {"resume", "-", hex(-6)},
              {"seekTo", hex(1500, 7), hex(7), LOG_LIFECYCLE, ", offsetInMs=1500, fromStart=1"},
-             {"getOffset", "-", hex(1234), LOG_DATA},
+             {"getOffset", "-", hex(0), LOG_DATA},
              {"newDecryptKey", hex(std::string("key")), hex(8), LOG_DEPRECATED},
              {"setVolume", hex(0.5f), hex(9), LOG_TRACE, ",volume=0.500000"},
              {"setFocusSessionId", hex(-1), hex(10), LOG_TRACE, ",focusSessionId=4294967295"},
              {"getMediaPlayerState", "-", hex(MediaPlayerState())},
-             {"getMediaPlayerStateV2", "-", hex(state)},
+             {"getMediaPlayerStateV2", "-", hex(MediaPlayerStateV2())},
              {"getPlaybackAttributes", "-", hex(PlaybackAttributes())},
              {"getPlaybackReports", "-", hex(PlaybackReports())},
              {"getFingerprint", "-", hex(Fingerprint())},
@@ -155,34 +137,31 @@ TEST_F(ServerTest, SourceIsCheckedAndConvertedForThePlayer) {
     eightBit.volumeGain = 0.25f;
     auto url = source<ZEMAudioSourceV3>(kSourceTypeUrl);
     url.param2 = 0x100000007;
-    // type, sample format, channel layout, rate, start offset, param3, param7, gain
-    using Fields = std::tuple<int, int, uint64_t, uint32_t, int, int, bool, float>;
+    // type, sample format, channel layout, rate, start offset, param3, param7, gain ("": rejected)
+    auto fields = [](const SourceConfig& c) {
+        return join(c.type, c.sampleFormat, c.channelLayout, c.sampleRate, c.startOffset, c.param3,
+                    c.param7, c.volumeGain);
+    };
     size_t count = 0;  // sources opened
-    for (const auto& [command, opened] : std::vector<std::pair<std::string, std::optional<Fields>>>{
-             {"setZEMAudioSource " + hex(source(0)), Fields{0, 0, 3, 48000, 9, 0, false, 1}},
+    for (const auto& [command, opened] : std::vector<std::pair<std::string, std::string>>{
+             {"setZEMAudioSource " + hex(source(0)), "0/0/3/48000/9/0/0/1.000000/"},
              {"setZEMAudioSourceV2MediaDescription " + hex(mono32, none),
-              Fields{0, 2, 4, 48000, 9, 5, false, 1}},
+              "0/2/4/48000/9/5/0/1.000000/"},
              {"setZEMAudioSourceV4MediaDescription " + hex(eightBit, none),
-              Fields{0, -1, 3, 48000, 9, 0, true, 0.25f}},
-             {"setSource " + hex(source(0).format, "c"), Fields{0, 0, 3, 48000, 9, 0, false, 0}},
-             {"setZEMAudioSourceV3MediaDescription " + hex(url, none),
-              Fields{1, 0, 0, 0, 7, 0, false, 1}},
-             {"setZEMAudioSource " + hex(source(0, 2, 16, true, 2)), std::nullopt},  // rejected
-             {"setZEMAudioSource " + hex(source(0, 2, 24)), std::nullopt},
-             {"setZEMAudioSource " + hex(source(0, 3, 16)), std::nullopt},
-             {"setZEMAudioSource " + hex(source(0, 2, 16, false)), std::nullopt},
-             {"setSource " + hex(source(0, 1).format, "c"), std::nullopt},
-             {"setZEMAudioSource " + hex(source(5)), std::nullopt}}) {  // unknown type: no log
+              "0/-1/3/48000/9/0/1/0.250000/"},
+             {"setSource " + hex(source(0).format, "c"), "0/0/3/48000/9/0/0/0.000000/"},
+             {"setZEMAudioSourceV3MediaDescription " + hex(url, none), "1/0/0/0/7/0/0/1.000000/"},
+             {"setZEMAudioSource " + hex(source(0, 2, 16, true, 2)), ""},
+             {"setZEMAudioSource " + hex(source(0, 2, 24)), ""},
+             {"setZEMAudioSource " + hex(source(0, 3, 16)), ""},
+             {"setZEMAudioSource " + hex(source(0, 2, 16, false)), ""},
+             {"setSource " + hex(source(0, 1).format, "c"), ""},
+             {"setZEMAudioSource " + hex(source(5)), ""}}) {  // unknown type: no log
         const std::string reply = send(peer, "0 " + command);
         std::lock_guard<std::mutex> lock(configsMutex);
-        ASSERT_EQ(configs.size(), opened ? ++count : count) << command;
+        ASSERT_EQ(configs.size(), opened.empty() ? count : ++count) << command;
         EXPECT_EQ(reply, "reply " + hex(99 + static_cast<long long>(count))) << command;
-        if (!opened) continue;
-        const SourceConfig& c = configs.back();
-        EXPECT_EQ(std::tie(c.type, c.sampleFormat, c.channelLayout, c.sampleRate, c.startOffset,
-                           c.param3, c.param7, c.volumeGain),
-                  *opened)
-            << command;
+        EXPECT_EQ(opened.empty() ? "" : fields(configs.back()), opened) << command;
     }
     EXPECT_EQ(sink->count(LOG_ERROR, "toORVFormat:Unsupported sample size=8"), 1u);
     EXPECT_EQ(sink->count(LOG_LIFECYCLE, "setSource:clusterId=c,url=[redacted],"), 1u);
@@ -220,7 +199,7 @@ TEST_F(ServerTest, SameSourceOpensBeforeReleaseAndEveryNewSourceGetsVolumeAndFoc
         EXPECT_THAT(send(peer, command), StartsWith("reply "));
     }
     EXPECT_EQ(sink->count(LOG_TRACE, "releaseSourceId:"), 1u);
-    EXPECT_TRUE(sink->contains("releaseSourceId:sourceId=101"));
+    EXPECT_EQ(sink->count(LOG_TRACE, "releaseSourceId:sourceId=101"), 1u);
 }
 
 TEST_F(ServerTest, GetDataAsksAtMost12288AndNeverWritesPastWhatItAsked) {
@@ -250,41 +229,28 @@ TEST_F(ServerTest, GetDataAsksAtMost12288AndNeverWritesPastWhatItAsked) {
 
 TEST_F(ServerTest, ReportAndMetadataReachTheirClientsUnderTheirWireNamesArgumentsInOrder) {
     Process& peer = client(3);  // track 2 has no source
-    for (int track : {0, 1}) setPcm(peer, track, 100 + track);
-    MediaClientDelegate& d = *impl;  // as the player sees the server
-    const MediaPlayerStateV2 a(1000, 2, MediaPlayerProtection("drm", true), "live");
-    const MediaPlayerStateV2 b(5000, 3, MediaPlayerProtection(), nullptr);
-    MetadataKeyValuePairs pairs;
-    pairs.pairs[pairs.count++] = MetadataKeyValuePair("k", "v");
-    const long long id = 101;
-    const std::string at = "sourceId=101, offsetMs=1000";
-    // What the player reports, the event the client gets, its arguments, the level-2 line.
-    for (const auto& [report, event, args, text] :
-         std::vector<std::tuple<std::function<void()>, std::string, std::string, std::string>>{
-             {[&] { d.onStopRequested(id); }, "onStopRequested", hex(id), "sourceId=101"},
-             {[&] { d.onFirstByteRead(id, a); }, "onFirstByteRead", hex(id, a),
-              at + ", playlistType=live"},
-             {[&] { d.onPlaybackStarted(id, a); }, "onPlaybackStarted", hex(id, a), at},
-             {[&] { d.onPlaybackFinished(id, a); }, "onPlaybackFinished", hex(id, a), at},
-             {[&] { d.onPlaybackError(id, ErrorType(3), "bad", a); }, "onPlaybackError",
-              hex(id, 3, std::string("bad"), a), "sourceId=101, type=3, error=bad, offsetMs=1000"},
-             {[&] { d.onPlaybackPaused(id, a); }, "onPlaybackPaused", hex(id, a), at},
-             {[&] { d.onPlaybackResumed(id, a); }, "onPlaybackResumed", hex(id, a), at},
-             {[&] { d.onPlaybackStopped(id, a); }, "onPlaybackStopped", hex(id, a), at},
-             {[&] { d.onBufferUnderrunStarted(id, a); }, "onBufferUnderrun", hex(id, a), at},
-             {[&] { d.onBufferUnderrunEnded(id, a); }, "onBufferRefilled", hex(id, a), at},
-             {[&] { d.onBufferingComplete(id, a); }, "onBufferingComplete", hex(id, a), at},
-             {[&] { d.onStreamMetadataExtracted(id, a, pairs); }, "onStreamMetadataExtracted",
-              hex(id, a, pairs), at},
-             {[&] { d.onSeeked(id, a, b); }, "onSeeked", hex(id, a, b),
-              "sourceId=101, beforeSeekOffsetMs=1000, afterSeekOffsetMs=5000"},
-             {[&] { d.onLicenseAvailable(id); }, "onLicenseAvailable", hex(id), "sourceId=101"},
-             {[&] { d.onFirstDataSegmentAvailable(id); }, "onFirstDataSegmentAvailable", hex(id),
-              "sourceId=101"},
-             {[&] { d.closeDataSource(id); }, "closeAudioSource", "-", " "}}) {
-        report();
-        EXPECT_EQ(peer.readLine(), "event 1 " + event + " " + args);
-        EXPECT_THAT(sink->entries(), Contains(LogEntry{LOG_TRACE, kTrack, event + ":" + text}));
+    setPcm(peer, 0, 100);
+    ON_CALL(*player, setSource).WillByDefault(Return(kSourceId));
+    setPcm(peer, 1, kSourceId);
+    const MediaPlayerStateV2 s = eventState();
+    MetadataKeyValuePairs title;
+    title.pairs[title.count++] = MetadataKeyValuePair("title", "Song");
+    // The event's arguments when they are not the source id and the state.
+    const std::map<std::string, std::string> args = {
+        {"closeAudioSource", "-"},
+        {"onPlaybackError", hex(kSourceId, 12, std::string("boom"), s)},
+        {"onStreamMetadataExtracted", hex(kSourceId, s, title)},
+        {"onSeeked", hex(kSourceId, s, seekedState())},
+        {"onStopRequested", hex(kSourceId)},
+        {"onLicenseAvailable", hex(kSourceId)},
+        {"onFirstDataSegmentAvailable", hex(kSourceId)}};
+    fireEvents(*impl);  // as the player reports, named as the host names them
+    for (const EventRow& row : eventRows()) {
+        const auto special = args.find(row.name);
+        EXPECT_EQ(peer.readLine(),
+                  "event 1 " + row.name + " " +
+                      (special != args.end() ? special->second : hex(kSourceId, s)));
+        EXPECT_THAT(sink->entries(), Contains(LogEntry{LOG_TRACE, kTrack, row.log}));
     }
     // A metadata update goes to every live track: the marker, then at most 19 entries by key.
     for (int entries : {0, 25}) {
@@ -294,15 +260,14 @@ TEST_F(ServerTest, ReportAndMetadataReachTheirClientsUnderTheirWireNamesArgument
             MetadataKeyValuePair("com.tarnek.kolvo.metadata.update", "true");
         for (char key[] = "ka"; key[1] < 'a' + entries; ++key[1]) {  // "ka" < "kb" < ...
             metadata[key] = key + std::string("v");
-        }
-        for (char key[] = "ka"; key[1] < 'a' + (entries < 19 ? entries : 19); ++key[1]) {  // by key
-            expected.pairs[expected.count++] = MetadataKeyValuePair(key, metadata[key].c_str());
+            if (expected.count < 20)
+                expected.pairs[expected.count++] = {key, metadata[key].c_str()};
         }
         impl->updateMetadata(metadata);
         for (long long track : {0, 1, 2}) {
-            EXPECT_EQ(peer.readLine(),
-                      "event " + std::to_string(track) + " onStreamMetadataExtracted " +
-                          hex(track == 2 ? 0 : 100 + track, MediaPlayerStateV2(), expected));
+            const long long id[] = {100, kSourceId, 0};
+            EXPECT_EQ(peer.readLine(), "event " + text(track) + " onStreamMetadataExtracted " +
+                                           hex(id[track], MediaPlayerStateV2(), expected));
         }
     }
 }
@@ -314,7 +279,8 @@ TEST_F(ServerTest, EventsOfATrackNeverOverlapAudioFlowsBetweenAndADeadClientOnly
     auto first = std::async(std::launch::async, [&] { impl->onPlaybackStarted(100, state); });
     EXPECT_EQ(peer.readLine(), "event 0 onPlaybackStarted " + hex(100LL, state));
     auto second = std::async(std::launch::async, [&] { impl->onPlaybackPaused(100, state); });
-    ASSERT_TRUE(sink->waitForMessage("onPlaybackPaused:"));  // logged before it waits its turn
+    // Logged before it waits its turn.
+    ASSERT_TRUE(waitUntil([&] { return sink->count(LOG_TRACE, "onPlaybackPaused:") == 1; }));
     uint8_t buffer[64];
     EXPECT_EQ(impl->getData(buffer, sizeof buffer, 100), 64);
     EXPECT_EQ(peer.readLine(), "getBuffer 0 64");  // and not the second event yet
@@ -346,10 +312,11 @@ TEST_F(ServerTest, RegistryKeepsTheOldestOwnerNeverReusesIdsAndOutlivesItsTracks
     std::promise<void> inside;
     EXPECT_CALL(*player, play(0)).WillOnce([&](long long) {
         inside.set_value();
-        sink->waitForMessage("~AudioServerImpl");
+        waitUntil([&] { return sink->count(LOG_LIFECYCLE, "~AudioServerImpl") == 1; });
         return 1;
     });
-    EXPECT_TRUE(sink->contains("createNewTrack:created, trackId=3"));  // and orders, see send()
+    EXPECT_EQ(sink->count(LOG_LIFECYCLE, "createNewTrack:created, trackId=3"),
+              1u);  // and orders, see send()
     second.writeLine("0 play -");
     ASSERT_EQ(inside.get_future().wait_for(kTimeout), std::future_status::ready);
     EXPECT_CALL(*player, releaseSource(0)).Times(2);

@@ -1,9 +1,7 @@
-// The other process of the transport tests:
-//   parlex_peer server <service>                  publishes "Echo", "Null" and "Throwing";
-//   parlex_peer client <service> <type> <count>   holds <count> proxies of <type>.
-// It talks to the test through its standard streams: one line to stdout for everything the test
-// waits for ("ready", "hanging" when a request is parked, "death <i>" and "getBuffer <i>" from
-// the client's proxy i), and the end of stdin as the request to shut down cleanly and exit 0.
+// The other process of the transport tests: `parlex_peer server <service>` publishes "Echo",
+// "Null" and "Throwing". It talks to the test through its standard streams: one line to stdout
+// for everything the test waits for ("ready", "hanging" when a request is parked), and the end of
+// stdin as the request to shut down cleanly and exit 0.
 // Any other exit status tells the test that the peer failed. The server keeps what the
 // transport logs for the test to ask about.
 #include <parlex/binder.h>
@@ -14,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <memory>
@@ -28,10 +25,8 @@ namespace {
 
 using parlex::AndroidBuffer;
 
-// One line to the test. Handlers announce from transport threads, hence the lock.
+// One line to the test: "ready", then "hanging" from a handler.
 void say(const std::string& line) {
-    static std::mutex mutex;
-    std::lock_guard<std::mutex> lock(mutex);
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
 }
@@ -39,13 +34,6 @@ void say(const std::string& line) {
 // Set when stdin ends; parked handlers return then, so that the shutdown can join them.
 std::promise<void> stdinEnded;
 const std::shared_future<void> shutdownRequested = stdinEnded.get_future().share();
-
-void waitForEndOfStdin() {
-    char buffer[64];
-    while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
-    }
-    stdinEnded.set_value();
-}
 
 // What the transport logged, kept for the test to ask about rather than printed.
 std::mutex logMutex;
@@ -55,21 +43,13 @@ std::vector<std::string> logged;  // guards: logMutex
 std::atomic<int> inside{0};
 std::atomic<int> mostInside{0};
 
-// Sends every argument kind back and exercises the transport from the server's side.
+// Sends arguments back and exercises the transport from the server's side.
 class Echo : public parlex::AndroidImpl {
 public:
     Echo() {
         bind("echoInt", [](int value) { return value; });
         bind("echoString", [](std::string value) { return value; });
-        // The pointer belongs to the request parcel, which outlives the reply's writing.
-        bind("echoCString", [](const char* value) { return value; });
         bind("echoBuffer", [](AndroidBuffer value) { return value; });
-        bind("describe", [](int i, unsigned int u, bool b, long long ll, float f, std::string s,
-                            const char* c) {
-            return std::to_string(i) + "|" + std::to_string(u) + "|" + (b ? "true" : "false") +
-                   "|" + std::to_string(ll) + "|" + std::to_string(f) + "|" + s + "|" +
-                   (c == nullptr ? "(null)" : c);
-        });
         bind("bigReply", [](int bytes) { return std::string(static_cast<size_t>(bytes), 'r'); });
 
         bind("fail", [](std::string message) -> int { throw std::runtime_error(message); });
@@ -129,29 +109,10 @@ int runServer(const char* service) {
     });
     server.start(service);
     say("ready");
-    waitForEndOfStdin();
-    server.stop();
-    return 0;
-}
-
-// Proxy i announces "death <i>" when the server goes, and parks "getBuffer" callbacks after
-// announcing "getBuffer <i>".
-int runClient(const char* service, const char* type, int count) {
-    parlex::AndroidClient client(service);
-    std::vector<std::unique_ptr<parlex::AndroidProxy>> proxies;
-    for (int i = 0; i < count; ++i) {
-        proxies.push_back(std::make_unique<parlex::AndroidProxy>(&client, type));
-        const std::string index = std::to_string(i);
-        proxies.back()->bind("death", [index] { say("death " + index); });
-        proxies.back()->bind("getBuffer", [index](int) {
-            say("getBuffer " + index);
-            shutdownRequested.wait();
-            return AndroidBuffer();
-        });
+    for (char buffer[64]; ::read(STDIN_FILENO, buffer, sizeof buffer) > 0;) {
     }
-    say("ready");
-    waitForEndOfStdin();
-    client.stop();
+    stdinEnded.set_value();
+    server.stop();
     return 0;
 }
 
@@ -160,13 +121,10 @@ int runClient(const char* service, const char* type, int count) {
 int main(int argc, char** argv) {
     try {
         if (argc == 3 && std::strcmp(argv[1], "server") == 0) return runServer(argv[2]);
-        if (argc == 5 && std::strcmp(argv[1], "client") == 0) {
-            return runClient(argv[2], argv[3], std::atoi(argv[4]));
-        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "parlex_peer %s: %s\n", argv[1], error.what());
         return 1;
     }
-    std::fprintf(stderr, "usage: parlex_peer server <service> | client <service> <type> <count>\n");
+    std::fprintf(stderr, "usage: parlex_peer server <service>\n");
     return 2;
 }

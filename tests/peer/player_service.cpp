@@ -12,7 +12,6 @@
 
 namespace orv::test {
 
-std::string text(float value) { return std::to_string(value); }
 std::string text(const SourceConfig& c) { return join(c.type, c.sampleRate, c.url); }
 
 template <typename... Args>
@@ -30,25 +29,6 @@ void say(const char* name, const Args&... args) {
         say(#method, args...);                                        \
         return result;                                                \
     })
-
-void fireEvents(MediaClientDelegate& to, long long id, const MediaPlayerStateV2& s) {
-    using D = MediaClientDelegate;
-    MetadataKeyValuePairs metadata;
-    metadata.pairs[metadata.count++] = MetadataKeyValuePair("title", "Song");
-    to.closeDataSource(id);
-    for (auto event :
-         {&D::onFirstByteRead, &D::onPlaybackStarted, &D::onPlaybackFinished, &D::onPlaybackPaused,
-          &D::onPlaybackResumed, &D::onPlaybackStopped, &D::onBufferUnderrunStarted,
-          &D::onBufferUnderrunEnded, &D::onBufferingComplete}) {
-        (to.*event)(id, s);
-    }
-    to.onPlaybackError(id, ErrorType(12), "boom", s);
-    to.onStreamMetadataExtracted(id, s, metadata);
-    to.onSeeked(id, s, seekedState());
-    to.onStopRequested(id);
-    to.onLicenseAvailable(id);
-    to.onFirstDataSegmentAvailable(id);
-}
 
 int run() {
     auto player = std::make_shared<::testing::NiceMock<MockPlayer>>();
@@ -76,7 +56,7 @@ int run() {
     long long streamed = 0;  // bytes pulled so far, over every "pull"
     for (std::string verb; std::cin >> verb;) {
         if (verb == "events") {
-            fireEvents(*player->delegate, kSourceId, eventState());
+            fireEvents(*player->delegate);
             say("fired");
             continue;
         }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "parlex/TrackProtocol.h"
+#include "support/TrackCases.h"
 
 namespace {
 
@@ -30,13 +31,7 @@ void say(const std::string& line) {
 struct Raw {
     std::vector<uint8_t> bytes;
 
-    std::string hex() const {
-        std::string text;
-        for (uint8_t byte : bytes) {
-            text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
-        }
-        return text.empty() ? "-" : text;
-    }
+    std::string hex() const { return orv::test::hexOf(bytes.data(), bytes.size()); }
 };
 parlex::AndroidParcel& operator<<(parlex::AndroidParcel& parcel, const Raw& raw) {
     parcel->write(raw.bytes.data(), raw.bytes.size());
@@ -64,13 +59,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < std::stoi(argv[1]); ++i) {
         proxies.push_back(std::make_unique<parlex::AndroidProxy>(&client, kObjectType));
         const std::string who = std::to_string(i);
-        for (const char* name :
-             {kCloseAudioSource, kOnFirstByteRead, kOnPlaybackStarted, kOnPlaybackFinished,
-              kOnPlaybackError, kOnPlaybackPaused, kOnPlaybackResumed, kOnPlaybackStopped,
-              kOnBufferUnderrun, kOnBufferRefilled, kOnBufferingComplete,
-              kOnStreamMetadataExtracted, kOnStopRequested, kOnSeeked, kOnLicenseAvailable,
-              kOnFirstDataSegmentAvailable}) {
-            proxies.back()->bind(name, [who, name](Raw args) {
+        for (const orv::test::EventRow& row : orv::test::eventRows()) {
+            proxies.back()->bind(row.name, [who, name = row.name](Raw args) {
                 say("event " + who + " " + name + " " + args.hex());
                 if (holdFirst.exchange(false)) released.wait();
             });

@@ -63,9 +63,7 @@ public:
         stdin_.reset(in[1]);
         stdout_.reset(out[0]);
     }
-    ~Process() { kill(); }
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
+    ~Process() { kill(); }  // not copied: it owns the child and the pipes
 
     // The next line of stdout; nullopt on end of file or when no whole line arrives in time.
     std::optional<std::string> readLine() {
@@ -84,6 +82,15 @@ public:
         }
     }
 
+    // Skips lines up to the first that contains `text` and returns it; nullopt at end of file or
+    // when none arrives in time.
+    std::optional<std::string> readUntil(const std::string& text) {
+        while (auto line = readLine()) {
+            if (line->find(text) != std::string::npos) return line;
+        }
+        return std::nullopt;
+    }
+
     // Writes `line` to the child's stdin, which must still be open (else SIGPIPE).
     bool writeLine(const std::string& line) {
         const std::string text = line + "\n";
@@ -91,7 +98,6 @@ public:
     }
 
     bool running() const { return pid_ > 0; }
-    // Ends the child with SIGKILL and reaps it.
     void kill() {
         if (!running()) return;
         ::kill(pid_, SIGKILL);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <orv/EventListener.h>
+#include <orv/MediaClientDelegate.h>
 #include <orv/Records.h>
 #include <orv/ZEMAudioTrack.h>
 
@@ -19,11 +20,19 @@ namespace orv::test {
 
 inline uint8_t patternByte(uint64_t i) { return static_cast<uint8_t>(i * 7 + (i >> 11)); }
 
-inline std::string text(long long value) { return std::to_string(value); }
-inline std::string text(int value) { return std::to_string(value); }
-inline std::string text(unsigned int value) { return std::to_string(value); }
-inline std::string text(bool value) { return value ? "1" : "0"; }
-inline std::string text(ErrorType value) { return text(static_cast<int>(value)); }
+// Bytes in hex, "-" for none: how the server tests and their peer write wire bytes.
+inline std::string hexOf(const uint8_t* bytes, size_t size) {
+    std::string text;
+    for (size_t i = 0; i < size; ++i)
+        text += {"0123456789abcdef"[bytes[i] >> 4], "0123456789abcdef"[bytes[i] & 15]};
+    return text.empty() ? "-" : text;
+}
+
+// A number as std::to_string writes it (a flag as 1 or 0), an enumeration as its number.
+template <typename N, typename = std::enable_if_t<std::is_arithmetic_v<N> || std::is_enum_v<N>>>
+std::string text(N value) {
+    return std::to_string(static_cast<std::conditional_t<std::is_enum_v<N>, int, N>>(value));
+}
 inline std::string text(const char* value) { return value != nullptr ? value : "(null)"; }
 inline std::string text(const PlaybackAttributes& a);
 template <typename... T>
@@ -157,21 +166,44 @@ inline std::vector<EventRow> eventRows() {
     // clang-format on
 }
 
-inline ZEMAudioFormat pcmFormat() { return ZEMAudioFormat{0, 44100, 16, 2, true, 1, 0}; }
-template <typename Source>
-Source urlSource() {
-    Source source;
-    source.type = kSourceTypeUrl;
-    source.setUrl("http://u");
-    source.setClusterId("c1");
-    return source;
+// What the player reports, in the order of eventRows().
+inline void fireEvents(MediaClientDelegate& to) {
+    using D = MediaClientDelegate;
+    const long long id = kSourceId;
+    const MediaPlayerStateV2 s = eventState();
+    MetadataKeyValuePairs metadata;
+    metadata.pairs[metadata.count++] = MetadataKeyValuePair("title", "Song");
+    to.closeDataSource(id);
+    for (auto event :
+         {&D::onFirstByteRead, &D::onPlaybackStarted, &D::onPlaybackFinished, &D::onPlaybackPaused,
+          &D::onPlaybackResumed, &D::onPlaybackStopped, &D::onBufferUnderrunStarted,
+          &D::onBufferUnderrunEnded, &D::onBufferingComplete}) {
+        (to.*event)(id, s);
+    }
+    to.onPlaybackError(id, ErrorType(12), "boom", s);
+    to.onStreamMetadataExtracted(id, s, metadata);
+    to.onSeeked(id, s, seekedState());
+    to.onStopRequested(id);
+    to.onLicenseAvailable(id);
+    to.onFirstDataSegmentAvailable(id);
 }
 
-// A request: the name sent, the client's line (none if null), the call, its result on failure,
-// the call the player_service peer's player gets and the result of its answer.
+inline ZEMAudioFormat pcmFormat() { return ZEMAudioFormat{0, 44100, 16, 2, true, 1, 0}; }
+template <typename Source = ZEMAudioSource>
+Source source(int32_t type, uint32_t channels = 2, uint32_t bits = 16, bool isSigned = true,
+              int32_t layout = 1) {
+    Source made;
+    made.type = type;
+    made.format = {0, 48000, bits, channels, isSigned, layout, 9};
+    made.setClusterId("c");
+    made.setUrl("https://a");  // looked at only in a URL source
+    return made;
+}
+
+// A request: the client's line (none if null), the call, its result on failure, the call the
+// player_service peer's player gets and the result of its answer.
 template <typename Track>
 struct RequestRow {
-    const char* method;
     LogLevel level;
     const char* log;
     std::function<std::string(Track&)> call;
@@ -182,43 +214,39 @@ struct RequestRow {
 template <typename Track>
 std::vector<RequestRow<Track>> requestRows() {
     static const MediaDescription d;
+    static const auto url = [](auto version) { return source<decltype(version)>(kSourceTypeUrl); };
     // clang-format off
-#define ROW(method, level, log, call, failed, player, answered) \
-    {method, LogLevel(level), log, [](Track& t) { return text(t.call); }, failed, player, answered}
-// Sent, logged at level 2 and passed to the player under its own name.
-#define PLAIN(name, failed, answered) ROW(#name, 2, #name ": ", name(), failed, #name " 7", answered)
-#define SOURCE(method, ...) \
-    ROW(method, 2, "setSource: ", setSource(__VA_ARGS__), "-1", "setSource 1/0/http://u/ c1", "7")
+#define ROW(level, log, call, failed, player, answered) \
+    {LogLevel(level), log, [](Track& t) { return text(t.call); }, failed, player, answered}
+// Logged at level 2 and passed to the player under its own name.
+#define PLAIN(name, failed, answered) ROW(2, #name ": ", name(), failed, #name " 7", answered)
+#define SOURCE(...) \
+    ROW(2, "setSource: ", setSource(__VA_ARGS__), "-1", "setSource 1/0/https://a/ c", "7")
     std::vector<RequestRow<Track>> rows = {
-        ROW("setSource", 2, "setSource: ", setSource(pcmFormat(), "c1"), "-1",
-            "setSource 0/44100/(null)/ c1", "7"),
-        SOURCE("setZEMAudioSource", urlSource<ZEMAudioSource>()),
-        SOURCE("setZEMAudioSourceMediaDescription", urlSource<ZEMAudioSource>(), d),
-        SOURCE("setZEMAudioSourceV2MediaDescription", urlSource<ZEMAudioSourceV2>(), d),
-        SOURCE("setZEMAudioSourceV3MediaDescription", urlSource<ZEMAudioSourceV3>(), d),
-        SOURCE("setZEMAudioSourceV4MediaDescription", urlSource<ZEMAudioSourceV4>(), d),
-        PLAIN(play, "0", "1"), PLAIN(stop, "0", "1"), PLAIN(pause, "0", "1"), PLAIN(resume, "0", "1"),
-        ROW("seekTo", 2, "seekTo:millis=1500, fromStart=1", seekTo(1500, true), "0",
-            "seekTo 7 1500 1", "1"),
-        ROW("getOffset", 1, "getOffset: ", getOffset(), "-1", "getOffset 7", "1234"),
+        ROW(2, "setSource: ", setSource(pcmFormat(), "c1"), "-1", "setSource 0/44100/(null)/ c1",
+            "7"),
+        SOURCE(url(ZEMAudioSource())), SOURCE(url(ZEMAudioSource()), d),
+        SOURCE(url(ZEMAudioSourceV2()), d), SOURCE(url(ZEMAudioSourceV3()), d),
+        SOURCE(url(ZEMAudioSourceV4()), d), PLAIN(play, "0", "1"),
+        PLAIN(stop, "0", "1"), PLAIN(pause, "0", "1"), PLAIN(resume, "0", "1"),
+        ROW(2, "seekTo:millis=1500, fromStart=1", seekTo(1500, true), "0", "seekTo 7 1500 1", "1"),
+        ROW(1, "getOffset: ", getOffset(), "-1", "getOffset 7", "1234"),
         PLAIN(getMediaPlayerState, "0/0//0/", "5/6/prot/1/"),
         PLAIN(getMediaPlayerStateV2, "0/0//0//", "1000/3/drm/1/live/"),
         PLAIN(getFingerprint, "///", "f1/f2/f3/"),
-        ROW("getPlaybackAttributes", 2, nullptr, getPlaybackAttributes(), "//0/0/",
-            "getPlaybackAttributes 7", "a/b/1/2/"),
-        ROW("getPlaybackReports", 4, "getPlaybackReports:Deprecated getPlaybackReports function, "
-            "this device is using an outdated client.", getPlaybackReports(), "0:",
-            "getPlaybackReports 7", "1:0/(null)/(null)/0/0//"),
-        ROW("getPlaybackReportArray", 2, "getPlaybackReportArray:", getPlaybackReportArray(), "0:",
+        ROW(2, nullptr, getPlaybackAttributes(), "//0/0/", "getPlaybackAttributes 7", "a/b/1/2/"),
+        ROW(4, "getPlaybackReports:Deprecated getPlaybackReports function, this device is using an "
+            "outdated client.", getPlaybackReports(), "0:", "getPlaybackReports 7",
+            "1:0/(null)/(null)/0/0//"),
+        ROW(2, "getPlaybackReportArray:", getPlaybackReportArray(), "0:",
             "getPlaybackReportArray 7", "2:0/(null)/(null)/0/0//0/(null)/(null)/0/0//"),
-        ROW("setVolume", 2, "setVolume:volumeGain=0.500000", setVolume(0.5f), "0",
-            "setVolume 0.500000 7", "1"),
-        ROW("setFocusSessionId", 2, "setFocusSessionId:focusSessionId=9", setFocusSessionId(9), "0",
+        ROW(2, "setVolume:volumeGain=0.500000", setVolume(0.5f), "0", "setVolume 0.500000 7", "1"),
+        ROW(2, "setFocusSessionId:focusSessionId=9", setFocusSessionId(9), "0",
             "setFocusSessionId 9 7", "1"),
     };
     if constexpr (!std::is_same_v<Track, ZEMAudioTrack>) {
-        rows.push_back(ROW("newDecryptKey", 2, "newDecryptKey:", newDecryptKey("k3y"), "0",
-                           "newDecryptKey 7 k3y", "1"));
+        rows.push_back(
+            ROW(2, "newDecryptKey:", newDecryptKey("k3y"), "0", "newDecryptKey 7 k3y", "1"));
     }
 #undef ROW
 #undef PLAIN

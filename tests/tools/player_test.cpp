@@ -22,6 +22,8 @@ using orv::MediaPlayerStateV2;
 // out, answers nothing for `stallPulls` pulls. Records every event as a word of `events()`.
 class FakeClient : public orv::MediaClientDelegate {
 public:
+    explicit FakeClient(std::vector<uint8_t> audio = {}, int stallPulls = 0)
+        : audio(std::move(audio)), stallPulls(stallPulls) {}
     int getData(uint8_t* buffer, unsigned size, long long) override {
         std::lock_guard<std::mutex> lock(mutex_);
         if (served_ >= audio.size() / 2 && stallPulls > 0 && stallPulls--) return -1;
@@ -113,9 +115,7 @@ TEST_F(PlayerTest, PcmReachesTheSinkWholeAtVolumeUnderrunsOncePerStallAndEndsWhe
         {0, 1.0f, nullptr, "firstByte started underrun complete finished close"},
     };
     for (const auto& test : cases) {
-        FakeClient client;
-        client.audio = audio;
-        client.stallPulls = test.stallPulls;
+        FakeClient client(audio, test.stallPulls);
         player.setMediaClientDelegate(&client);
         const long long id = player.setSource(pcm(0, test.totalFrames), "cluster");
         ASSERT_EQ(player.setVolume(test.volume, id), 0);
@@ -182,9 +182,7 @@ TEST_F(PlayerTest, FileSourceReportsItsTagsAndUnplayableSourcesReportWhy) {
 }
 
 TEST_F(PlayerTest, ShutdownTellsTheClientToStopAndEndsEveryThread) {
-    FakeClient client;
-    client.stallPulls = 1 << 30;
-    client.audio = audio;
+    FakeClient client(audio, 1 << 30);
     player.setMediaClientDelegate(&client);
     player.play(player.setSource(pcm(), "cluster"));
     ASSERT_TRUE(client.waitFor("underrun"));

@@ -29,10 +29,7 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
     ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
     {
         Process client({ZEM_PLAY_PATH, longInput});
-        std::optional<std::string> line;
-        while ((line = client.readLine()) && line->find("playback started") == std::string::npos) {
-        }
-        ASSERT_TRUE(line) << "the client never started playing";
+        ASSERT_TRUE(client.readUntil("playback started")) << "the client never started playing";
     }  // killed here, mid-playback
     const auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(run({ZEM_PLAY_PATH, shortInput}), 0);
