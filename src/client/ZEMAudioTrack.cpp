@@ -13,6 +13,7 @@
 
 #include "client/ClientTrackImpl.h"
 #include "client/ZEMAudioTrackClient.h"
+#include "common/LogFormat.h"
 #include "common/RecordCodec.h"
 #include "parlex/TrackProtocol.h"
 
@@ -35,8 +36,6 @@ namespace {
 constexpr const char* kClientTag = "ZEMAudioTrackClient";
 constexpr const char* kImplTag = "ClientTrackImpl";
 constexpr const char* kNoListener = "No listener found";
-
-const char* orNullText(const char* text) { return text != nullptr ? text : "(null)"; }
 
 // A connection from an earlier init is let go, never stopped or freed: it stays connected for
 // the rest of the process. Applications were built against that behaviour, so it is kept; the
@@ -382,7 +381,7 @@ void ZEMAudioTrackClient::closeAudioSource() {
 
 void ZEMAudioTrackClient::onFirstByteRead(long long sourceId, const MediaPlayerStateV2& state) {
     log(LOG_TRACE, "onFirstByteRead", "sourceId=%lld, offsetMs=%d, playlistType=%s", sourceId,
-        state.offsetMs, orNullText(state.playlistType));
+        state.offsetMs, logText(state.playlistType));
     deliver(
         "onFirstByteRead", [&](auto& listener) { listener.onFirstByteRead(sourceId, state); },
         [&](EventListener& listener) { listener.onFirstByteRead(sourceId, state.offsetMs); });

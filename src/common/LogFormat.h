@@ -32,6 +32,9 @@ struct LogLine {
     std::string message;
 };
 
+// What a %s of a null text prints, without handing vsnprintf the null.
+inline const char* logText(const char* text) { return text != nullptr ? text : "(null)"; }
+
 // Formats one line. Kept apart from the sink call so that the caller can end its va_list
 // before handing the line to the embedder's code, which may throw.
 LogLine formatLogLine(LogLevel level, const char* function, const char* format, va_list args,

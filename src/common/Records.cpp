@@ -9,25 +9,11 @@
 #include <type_traits>
 #include <utility>
 
+#include "common/OwnedText.h"
+
 namespace orv {
 
 namespace {
-
-char* copyString(const char* text) {
-    if (text == nullptr) {
-        return nullptr;
-    }
-    const size_t size = std::strlen(text) + 1;
-    char* copy = new char[size];
-    std::memcpy(copy, text, size);
-    return copy;
-}
-
-void assignString(char*& field, const char* text) {
-    char* copy = copyString(text);
-    delete[] field;
-    field = copy;
-}
 
 // Frees `field` and hands it the text of `from`, which is left null.
 void takeString(char*& field, char*& from) {

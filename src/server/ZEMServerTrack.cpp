@@ -11,21 +11,14 @@
 #include <tuple>
 #include <vector>
 
+#include "common/LogFormat.h"
+#include "common/OwnedText.h"
 #include "common/RecordCodec.h"
 #include "parlex/TrackProtocol.h"
 
 namespace orv {
 
-namespace {
-
-char* duplicate(const char* text) {
-    return text == nullptr ? nullptr : std::strcpy(new char[std::strlen(text) + 1], text);
-}
-
-// What a %s of a null pointer prints, without handing vsnprintf the null.
-const char* orNull(const char* text) { return text == nullptr ? "(null)" : text; }
-
-}  // namespace
+namespace {}  // namespace
 
 // ---- SourceConfig
 
@@ -39,16 +32,15 @@ SourceConfig::SourceConfig(const SourceConfig& other)
       param4(other.param4),
       startOffset(other.startOffset),
       param3(other.param3),
-      url(duplicate(other.url)),
-      playbackContextHeadersJSON(duplicate(other.playbackContextHeadersJSON)),
+      url(copyString(other.url)),
+      playbackContextHeadersJSON(copyString(other.playbackContextHeadersJSON)),
       mediaDescription(other.mediaDescription),
       param7(other.param7),
       volumeGain(other.volumeGain) {}
 
 SourceConfig& SourceConfig::operator=(const SourceConfig& other) {
-    SourceConfig copy(other);  // before anything is freed: `other` may be this very object
-    std::swap(url, copy.url);
-    std::swap(playbackContextHeadersJSON, copy.playbackContextHeadersJSON);
+    assignString(url, other.url);
+    assignString(playbackContextHeadersJSON, other.playbackContextHeadersJSON);
     type = other.type;
     sampleFormat = other.sampleFormat;
     channelLayout = other.channelLayout;
@@ -67,16 +59,10 @@ SourceConfig::~SourceConfig() {
     delete[] playbackContextHeadersJSON;
 }
 
-void SourceConfig::setUrl(const char* text) {
-    char* copy = duplicate(text);
-    delete[] url;
-    url = copy;
-}
+void SourceConfig::setUrl(const char* text) { assignString(url, text); }
 
 void SourceConfig::setPlaybackContextHeadersJSON(const char* text) {
-    char* copy = duplicate(text);
-    delete[] playbackContextHeadersJSON;
-    playbackContextHeadersJSON = copy;
+    assignString(playbackContextHeadersJSON, text);
 }
 
 // ---- Reading a request
@@ -98,17 +84,21 @@ struct WholeArguments {
 // longest scalar, an int64, and for a length and terminator of a text.
 constexpr size_t kOverrunBytes = 8;
 
+void checkNothingLeft(const AndroidParcel& request) {
+    if (request->dataAvail() != 0) {
+        throw std::runtime_error("track request: " + std::to_string(request->dataAvail()) +
+                                 " bytes after the arguments");
+    }
+}
+
 // Throws unless the arguments read from `start` ended exactly at the request's end. A reading
 // that ran out of data stops at the end too, so the arguments are read once more, by
 // `readAgain`, from a copy of the request followed by zero bytes: that reading goes past the
 // end exactly when the first one came up short.
 void checkWhole(const AndroidParcel& request, size_t start,
                 const std::function<void(const AndroidParcel&)>& readAgain) {
+    checkNothingLeft(request);
     const android::Parcel& data = *request.parcel();
-    if (data.dataAvail() != 0) {
-        throw std::runtime_error("track request: " + std::to_string(data.dataAvail()) +
-                                 " bytes after the arguments");
-    }
     std::vector<uint8_t> bytes(data.data(), data.data() + data.dataSize());
     bytes.resize(bytes.size() + kOverrunBytes, 0);
     AndroidParcel extended;
@@ -127,12 +117,16 @@ void readValues(const AndroidParcel& parcel, Values& values) {
 
 template <typename Values>
 const AndroidParcel& operator>>(const AndroidParcel& request, WholeArguments<Values>& arguments) {
-    const size_t start = request->dataPosition();
-    readValues(request, arguments.values);
-    checkWhole(request, start, [](const AndroidParcel& copy) {
-        Values scratch{};
-        readValues(copy, scratch);
-    });
+    if constexpr (std::tuple_size_v<Values> == 0) {
+        checkNothingLeft(request);  // nothing to read, so nothing to copy and read again
+    } else {
+        const size_t start = request->dataPosition();
+        readValues(request, arguments.values);
+        checkWhole(request, start, [](const AndroidParcel& copy) {
+            Values scratch{};
+            readValues(copy, scratch);
+        });
+    }
     return request;
 }
 
@@ -259,7 +253,7 @@ void ZEMAudioTrackServer::sendStateEvent(const char* name, long long sourceId,
 
 void ZEMAudioTrackServer::onFirstByteRead(long long sourceId, const MediaPlayerStateV2& state) {
     log(LOG_TRACE, protocol::kOnFirstByteRead, "sourceId=%lld, offsetMs=%d, playlistType=%s",
-        sourceId, state.offsetMs, orNull(state.playlistType));
+        sourceId, state.offsetMs, logText(state.playlistType));
     remoteEvent(protocol::kOnFirstByteRead, sourceId, state);
 }
 
@@ -454,8 +448,8 @@ long long ZEMServerTrack::setSourceCommon(const std::string& method, const Sourc
         log(LOG_LIFECYCLE, function,
             "clusterId=%s,sampleRate=%u,sampleSizeInBits=%u,channelNum=%u,signed=%d,layout=%d,"
             "startOffset=%d",
-            orNull(source.clusterId), format.sampleRate, format.sampleSizeInBits, format.channelNum,
-            format.isSigned ? 1 : 0, format.layout, format.startOffset);
+            logText(source.clusterId), format.sampleRate, format.sampleSizeInBits,
+            format.channelNum, format.isSigned ? 1 : 0, format.layout, format.startOffset);
         if (!isNumChannelsSupported(format.channelNum) || format.layout != kPcmLayoutInterleaved ||
             !isSampleSizeSupported(format.sampleSizeInBits) || !format.isSigned) {
             log(LOG_LIFECYCLE, function, "unsupported format");
@@ -468,7 +462,7 @@ long long ZEMServerTrack::setSourceCommon(const std::string& method, const Sourc
         releaseAndSetSource(config, source.clusterId);
     } else if (source.type == kSourceTypeUrl) {
         // The URL may carry credentials: it never reaches the log.
-        log(LOG_LIFECYCLE, function, "clusterId=%s,url=%s,", orNull(source.clusterId),
+        log(LOG_LIFECYCLE, function, "clusterId=%s,url=%s,", logText(source.clusterId),
             source.url != nullptr ? "[redacted]" : "[null]");
         config.setUrl(source.url);
         config.startOffset = static_cast<int32_t>(source.param2);
