@@ -614,13 +614,13 @@ TEST_F(TransportTest, DroppedProxiesAndGoneClientsReleaseTheirObjectsAndDescript
 TEST_F(TransportTest, SilentClientsGoAtTheGreetingDeadlineAndClientsBeyondTheCapAreRefused) {
     CountedServer server(kService);
     std::vector<UniqueFd> silent;
-    for (size_t i = 0; i < kMaxConnectionsPerServer; ++i) {
+    for (size_t i = 0; i < ServerLimits().maxPendingGreetings; ++i) {
         silent.push_back(socketAt(servicePath(), false));
     }
     EXPECT_THAT(errorOf([] { AndroidClient refused(kService); }), HasSubstr("refused"));
     EXPECT_EQ(loggedWith("refusing more"), 1u);
     for (const UniqueFd& client : silent) ASSERT_TRUE(closedByPeer(client.get()));
-    EXPECT_EQ(loggedWith("no greeting"), kMaxConnectionsPerServer);
+    EXPECT_EQ(loggedWith("no greeting"), ServerLimits().maxPendingGreetings);
     EXPECT_TRUE(serves());
 }
 

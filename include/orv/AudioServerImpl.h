@@ -25,7 +25,8 @@ class ZEMServerTrack;
 class ORV_EXPORT AudioServerImpl : public parlex::AndroidServer, public MediaClientDelegate {
 public:
     AudioServerImpl(std::shared_ptr<OrvServerHandlerInterface> handler,
-                    std::shared_ptr<LoggingDelegate> logger, std::string serviceName);
+                    std::shared_ptr<LoggingDelegate> logger, std::string serviceName,
+                    const parlex::ServerLimits& limits = parlex::ServerLimits());
     ~AudioServerImpl() override;
 
     int getData(uint8_t* buffer, unsigned int size, long long sourceId) override;

@@ -7,6 +7,7 @@
 #include <orv/Export.h>
 #include <orv/Logging.h>
 #include <orv/OrvServerHandlerInterface.h>
+#include <parlex/binder.h>
 
 #include <memory>
 
@@ -20,6 +21,10 @@ public:
     // already runs under the service's name, for one).
     ZEMAudioServer(std::shared_ptr<OrvServerHandlerInterface> handler,
                    std::shared_ptr<LoggingDelegate> logger);
+    // As above, with the deadlines and caps that the service grants its clients (who may
+    // connect, how long a client may take to answer, how much one peer may hold).
+    ZEMAudioServer(std::shared_ptr<OrvServerHandlerInterface> handler,
+                   std::shared_ptr<LoggingDelegate> logger, const parlex::ServerLimits& limits);
     virtual ~ZEMAudioServer();
     ZEMAudioServer(const ZEMAudioServer&) = delete;
     ZEMAudioServer& operator=(const ZEMAudioServer&) = delete;

@@ -68,7 +68,7 @@ private:
 
     // True when the greeting, or the end of the connection, arrived before the deadline.
     bool greetedInTime() {
-        const auto deadline = std::chrono::steady_clock::now() + kGreetingDeadline;
+        const auto deadline = std::chrono::steady_clock::now() + limits_.greetingDeadline;
         pollfd greeting{requests_.get(), POLLIN, 0};
         while (true) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -83,7 +83,7 @@ private:
     bool handshake() {
         if (!greetedInTime()) {
             logLine("parlex: client sent no greeting within " +
-                    std::to_string(kGreetingDeadline.count()) + " ms; disconnecting");
+                    std::to_string(limits_.greetingDeadline.count()) + " ms; disconnecting");
             return false;
         }
         Frame hello;
@@ -162,6 +162,7 @@ private:
 
     AndroidServer& server_;
     ServerState& state_;
+    const ServerLimits& limits_;
     UniqueFd requests_;  // channel A: the client's requests, our answers
     std::atomic<bool> closed_{false};
     std::mutex callerMutex_;  // guards: events_, caller_ (written once, by the handshake)
@@ -174,8 +175,10 @@ private:
 
 class ServerState {
 public:
-    ServerState(AndroidServer& server, std::string path, UniqueFd listener, dev_t dev, ino_t ino)
-        : server_(server),
+    ServerState(AndroidServer& server, std::string path, UniqueFd listener, dev_t dev, ino_t ino,
+                const ServerLimits& limits)
+        : limits_(limits),
+          server_(server),
           path_(std::move(path)),
           listener_(std::move(listener)),
           wake_(::eventfd(0, EFD_CLOEXEC)),
@@ -205,6 +208,8 @@ public:
             ::unlink(path_.c_str());
         }
     }
+
+    const ServerLimits& limits() const { return limits_; }
 
     std::string nextObjectId(const std::string& type) {
         return type + "#" + std::to_string(nextObjectId_++);
@@ -270,7 +275,7 @@ private:
             // Connections already closed only wait for the reaper: they do not count.
             open = static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(),
                                                      [](const auto& c) { return !c->closed(); }));
-            if (open < kMaxConnectionsPerServer) {
+            if (open < limits_.maxConnections) {
                 connection = std::make_shared<ServerConnection>(server_, *this, std::move(client));
                 connections_.push_back(connection);
             }
@@ -305,6 +310,7 @@ private:
         for (auto& connection : ended) connection->join();
     }
 
+    const ServerLimits limits_;
     AndroidServer& server_;
     const std::string path_;
     UniqueFd listener_;
@@ -324,6 +330,7 @@ private:
 ServerConnection::ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests)
     : server_(server),
       state_(state),
+      limits_(state.limits()),
       requests_(std::move(requests)),
       responder_(
           requests_.get(), [this](Frame& frame) { handle(frame); },
@@ -445,7 +452,9 @@ AndroidServer::AndroidServer() = default;
 
 AndroidServer::~AndroidServer() { stop(); }
 
-void AndroidServer::start(const std::string& serviceName) {
+void AndroidServer::start(const std::string& serviceName) { start(serviceName, ServerLimits()); }
+
+void AndroidServer::start(const std::string& serviceName, const ServerLimits& limits) {
     using namespace transport;
     if (state_) throw std::runtime_error("parlex: server already started");
     std::string path = socketPath(serviceName);
@@ -474,9 +483,12 @@ void AndroidServer::start(const std::string& serviceName) {
         ::unlink(path.c_str());
         throw std::runtime_error("parlex: cannot listen at " + path + ": " + why);
     }
-    state_ = std::make_unique<ServerState>(*this, path, std::move(listener), st.st_dev, st.st_ino);
+    state_ = std::make_unique<ServerState>(*this, path, std::move(listener), st.st_dev, st.st_ino,
+                                           limits);
 }
 
 void AndroidServer::stop() { state_.reset(); }
+
+std::optional<PeerCredentials> callingPeer() { return std::nullopt; }
 
 }  // namespace parlex

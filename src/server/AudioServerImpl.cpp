@@ -43,14 +43,15 @@ void relay(AudioServerImpl& server, const char* report, long long sourceId, Even
 }  // namespace
 
 AudioServerImpl::AudioServerImpl(std::shared_ptr<OrvServerHandlerInterface> handler,
-                                 std::shared_ptr<LoggingDelegate> logger, std::string serviceName)
+                                 std::shared_ptr<LoggingDelegate> logger, std::string serviceName,
+                                 const parlex::ServerLimits& limits)
     : handler(std::move(handler)), logger(std::move(logger)) {
     if (!this->handler) throw std::invalid_argument("AudioServerImpl: no player");
     // Before the service starts: the player may call the delegate from now on.
     this->handler->setMediaClientDelegate(this);
     registerFactory(protocol::kObjectType,
                     [this]() -> std::shared_ptr<parlex::AndroidImpl> { return createNewTrack(); });
-    start(serviceName);
+    start(serviceName, limits);
 }
 
 AudioServerImpl::~AudioServerImpl() {

@@ -14,6 +14,12 @@ ZEMAudioServer::ZEMAudioServer(std::shared_ptr<OrvServerHandlerInterface> handle
     : impl(std::make_unique<AudioServerImpl>(std::move(handler), std::move(logger),
                                              protocol::kServiceName)) {}
 
+ZEMAudioServer::ZEMAudioServer(std::shared_ptr<OrvServerHandlerInterface> handler,
+                               std::shared_ptr<LoggingDelegate> logger,
+                               const parlex::ServerLimits& limits)
+    : impl(std::make_unique<AudioServerImpl>(std::move(handler), std::move(logger),
+                                             protocol::kServiceName, limits)) {}
+
 // reset() empties `impl` before the server is deleted.
 ZEMAudioServer::~ZEMAudioServer() { impl.reset(); }
 

@@ -22,14 +22,18 @@
 // that for their layout.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "parlex/AndroidParcel.h"
 #include "parlex/parlex.h"
@@ -58,12 +62,45 @@ constexpr size_t kMaxHandlerThreadsPerConnection = 16;
 // Handlers of a connection's side that may wait for answers at once; a handler whose wait would
 // go beyond it gets std::runtime_error instead of waiting.
 constexpr size_t kMaxWaitingHandlersPerConnection = 64;
-// Clients a server serves at once; it logs and closes a connection beyond it, and the client's
-// AndroidClient constructor throws std::runtime_error.
-constexpr size_t kMaxConnectionsPerServer = 64;
-// How long a server waits for a new connection's greeting, which AndroidClient sends as soon as
-// it has connected, before it drops the connection.
-constexpr std::chrono::milliseconds kGreetingDeadline{3000};
+// How long AndroidClient waits for the service to answer its greeting and each object creation
+// before its constructor (or AndroidProxy's) throws std::runtime_error. A positive number of
+// milliseconds in $PARLEX_CONNECT_DEADLINE_MS replaces it.
+constexpr std::chrono::milliseconds kConnectDeadline{5000};
+
+// The process at the other end of a connection, as the kernel reported it when it connected.
+struct PeerCredentials {
+    pid_t pid = 0;
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+// The client on whose behalf the calling thread runs: set on a server's thread while it creates
+// an object for a client or runs one of its requests (and whatever those call, such as the
+// player); empty on every other thread.
+std::optional<PeerCredentials> callingPeer();
+
+// What a server grants its clients. Every cap is refused with one log line naming it; the caps
+// by peer process keep one process from crowding out the others.
+struct ServerLimits {
+    // How long the server waits for a client to answer an event or a callback, or to take a
+    // message off its socket. A client that misses it is disconnected as if it had died: its
+    // pending calls fail with dead_object and the objects it created are released.
+    std::chrono::milliseconds callDeadline{2000};
+    // How long a new connection has to send its greeting, which AndroidClient sends as soon as
+    // it has connected, before it is dropped.
+    std::chrono::milliseconds greetingDeadline{3000};
+    // Greeted connections served at once, all peers together, and those of one peer process.
+    size_t maxConnections = 2048;
+    size_t maxConnectionsPerProcess = 128;
+    // Connections that have not greeted yet, all together and of one peer process. They do not
+    // count against the greeted ones.
+    size_t maxPendingGreetings = 64;
+    size_t maxPendingGreetingsPerProcess = 8;
+    // Objects one connection may have created and not released.
+    size_t maxObjectsPerConnection = 16;
+    // Users that may connect; empty means the server's own user and root.
+    std::vector<uid_t> allowedUids;
+};
 
 // Where the transport reports what it can not hand to anyone: a malformed frame from a peer and
 // its disconnection, a client refused or dropped for the limits above, a server out of
@@ -136,9 +173,11 @@ public:
     AndroidServer(const AndroidServer&) = delete;
     AndroidServer& operator=(const AndroidServer&) = delete;
 
-    // Publishes the service under `serviceName`; throws std::runtime_error when another live
-    // server holds the name. A socket left behind by a crashed server is replaced.
+    // Publishes the service under `serviceName` with the default ServerLimits, or with
+    // `limits`; throws std::runtime_error when another live server holds the name. A socket left
+    // behind by a crashed server is replaced.
     void start(const std::string& serviceName);
+    void start(const std::string& serviceName, const ServerLimits& limits);
     // Closes every connection, joins every transport thread and releases every object. Must
     // not be called from a transport thread.
     void stop();
