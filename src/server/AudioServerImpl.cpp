@@ -87,12 +87,15 @@ void AudioServerImpl::log(LogLevel level, const char* function, const char* form
 
 std::shared_ptr<ZEMServerTrack> AudioServerImpl::createNewTrack() {
     log(LOG_LIFECYCLE, "createNewTrack", "started");
-    std::shared_ptr<ZEMServerTrack> track;  // outlives the lock, see the top of the file
     unsigned int trackId = 0;
     {
         std::lock_guard<std::mutex> lock(tracksMutex);
         trackId = nextTrackId++;
-        track = std::make_shared<ZEMServerTrack>(handler, logger, this, trackId);
+    }
+    // Built outside the lock, as its constructor logs; it is not reachable before it is entered.
+    auto track = std::make_shared<ZEMServerTrack>(handler, logger, this, trackId);
+    {
+        std::lock_guard<std::mutex> lock(tracksMutex);
         tracks[trackId] = Registered{track, 0};
         owners[0].insert(trackId);
     }
