@@ -24,6 +24,7 @@
 // BENCHMARKS.md.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <orv/AudioServerImpl.h>
 #include <parlex/binder.h>
 #include <poll.h>
 #include <sched.h>
@@ -77,6 +78,8 @@ constexpr long long kReplySourceId = 42;
 // Timed calls per repetition, and untimed ones before them so that pool threads exist and caches
 // and allocators have settled.
 constexpr benchmark::IterationCount kCalls = 5000;
+// Tracks without a source registered beside the one that plays, for "track/getData/bare".
+constexpr size_t kBareTracks = 100000;
 constexpr int kWarmupCalls = 500;
 
 // Larger than any message of these cases; a raw record that would not fit is an error.
@@ -707,6 +710,9 @@ std::vector<TrackCase> makeTrackCases(trackpath::TrackEnds& ends) {
              if (pulled != trackpath::kPulledBytes) throw std::runtime_error("getData came short");
          }},
     };
+    // The same pull once the service has registered kBareTracks more tracks without a source
+    // (see runBenchmarks): finding the track of a source id must not grow with the registry.
+    cases.push_back({"track/getData/bare", "raw/getBufferCallback", cases.back().call});
     // Each does what it claims before anything is timed.
     for (const TrackCase& c : cases) c.call();
     return cases;
@@ -757,7 +763,7 @@ void printTrackSummary(const std::vector<TrackCase>& cases,
     std::printf(
         "\nWhole track path, all repetitions pooled. Times in microseconds; ratio = median / "
         "median of the raw case with the same message sizes.\n");
-    std::printf("%-16s %7s %7s %7s %-24s %8s %6s %10s\n", "case", "median", "p99", "mean",
+    std::printf("%-18s %7s %7s %7s %-24s %8s %6s %10s\n", "case", "median", "p99", "mean",
                 "raw case", "raw med", "ratio", "cs");
     for (const TrackCase& c : cases) {
         const Figures* path = findFigures(figures, c.name);
@@ -765,7 +771,7 @@ void printTrackSummary(const std::vector<TrackCase>& cases,
         if (path == nullptr) continue;
         const double median = percentile(path->micros, 0.5);
         const double rawMedian = raw ? percentile(raw->micros, 0.5) : NAN;
-        std::printf("%-16s %7.2f %7.2f %7.2f %-24s %8.2f %6.2f %10s\n", c.name.c_str(), median,
+        std::printf("%-18s %7.2f %7.2f %7.2f %-24s %8.2f %6.2f %10s\n", c.name.c_str(), median,
                     percentile(path->micros, 0.99), mean(path->micros), c.rawTwin.c_str(),
                     rawMedian, median / rawMedian, switchesPerCall(*path).c_str());
     }
@@ -800,7 +806,23 @@ int runBenchmarks(const Placement& placement) {
         add("local/" + c.name, c.local);
     }
     const std::vector<TrackCase> trackCases = makeTrackCases(session.trackEnds());
-    for (const TrackCase& c : trackCases) add(c.name, c.call);
+    // Benchmarks run in the order they are registered: the bare tracks come between the two
+    // getData cases, in a step of their own that is not part of either.
+    auto bare = std::make_shared<std::vector<std::shared_ptr<orv::ZEMServerTrack>>>();
+    auto* server = static_cast<orv::AudioServerImpl*>(&session.trackEnds().delegate());
+    for (const TrackCase& c : trackCases) {
+        if (c.name == "track/getData/bare") {
+            benchmark::RegisterBenchmark("track/register-bare-tracks",
+                                         [bare, server](benchmark::State& state) {
+                                             for (auto _ : state) {
+                                                 while (bare->size() < kBareTracks)
+                                                     bare->push_back(server->createNewTrack());
+                                             }
+                                         })
+                ->Iterations(1);
+        }
+        add(c.name, c.call);
+    }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     printSummary(cases, figures);

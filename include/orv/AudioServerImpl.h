@@ -16,7 +16,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace orv {
 
@@ -51,16 +54,20 @@ public:
     void onFirstDataSegmentAvailable(long long sourceId) override;
 
     // Sends `metadata` to every live track as stream metadata: first the pair
-    // ("com.tarnek.kolvo.metadata.update", "true"), then at most 19 entries in key order.
+    // ("com.tarnek.kolvo.metadata.update", "true"), then at most 19 entries in key order. Returns
+    // once every client has answered; the registry is not held meanwhile, and each client gets
+    // the update without waiting for another client's answer.
     void updateMetadata(const std::map<std::string, std::string>& metadata);
     MetadataKeyValuePairs toMetadataKeyValuePairs(
         const std::map<std::string, std::string>& metadata);
 
     // The registry. createNewTrack is the object factory's; removeTrack is called by a track
-    // whose client destroyed it.
+    // that leaves (its client destroyed it, or it goes); sourceChanged by a track that the player
+    // gave a new source id. getTrack costs the same however many tracks are registered.
     std::shared_ptr<ZEMServerTrack> createNewTrack();
     std::shared_ptr<ZEMServerTrack> getTrack(long long sourceId);
     void removeTrack(unsigned int trackId);
+    void sourceChanged(unsigned int trackId, long long sourceId);
 
     void log(LogLevel level, const char* function, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
@@ -68,9 +75,19 @@ public:
 private:
     std::shared_ptr<OrvServerHandlerInterface> handler;
     std::shared_ptr<LoggingDelegate> logger;
-    std::mutex tracksMutex;  // guards: nextTrackId, tracks
+    struct Registered {
+        std::weak_ptr<ZEMServerTrack> track;
+        long long sourceId = 0;  // the track's, as it last reported it
+    };
+    // The live tracks, strong references taken under the registry lock.
+    std::vector<std::shared_ptr<ZEMServerTrack>> liveTracks();
+
+    std::mutex tracksMutex;  // guards: nextTrackId, tracks, owners
     unsigned int nextTrackId = 0;
-    std::map<unsigned int, std::weak_ptr<ZEMServerTrack>> tracks;
+    std::map<unsigned int, Registered> tracks;
+    // Source id to the ids of the registered tracks that hold it. Of several, the lowest track id
+    // is the owner the player's calls reach.
+    std::unordered_map<long long, std::set<unsigned int>> owners;
 };
 
 }  // namespace orv

@@ -59,19 +59,6 @@ MediaPlayerState noMediaPlayerState() {
 
 MediaPlayerStateV2 noMediaPlayerStateV2() { return MediaPlayerStateV2(0, 0, noProtection(), ""); }
 
-template <typename Record, typename Fallback>
-Record replyOr(std::pair<bool, parlex::AndroidParcel> outcome, Fallback fallback) {
-    return outcome.first ? outcome.second.as<Record>() : fallback();
-}
-
-// A number left at 0 when the reply holds none.
-long long sourceIdOr(std::pair<bool, parlex::AndroidParcel> outcome, long long fallback) {
-    if (!outcome.first) return fallback;
-    int64_t sourceId = 0;
-    outcome.second->readInt64(&sourceId);
-    return sourceId;
-}
-
 }  // namespace
 
 // ---- TrackListeners ----
@@ -150,16 +137,18 @@ void ZEMAudioTrackClient::bindIncoming() {
          [this](long long id) { Self::onFirstDataSegmentAvailable(id); });
 }
 
-template <typename... Args>
-std::pair<bool, parlex::AndroidParcel> ZEMAudioTrackClient::remoteCall(const std::string& method,
-                                                                       Args... args) {
+template <typename Read, typename... Args>
+bool ZEMAudioTrackClient::remoteCall(Read&& read, const std::string& method, Args... args) {
     std::lock_guard<std::mutex> lock(callMutex_);
     if (serverDead_) {
         log(LOG_ERROR, "remoteCall", "server not running");
-        return {false, parlex::AndroidParcel()};
+        return false;
     }
     try {
-        return {true, call(method, std::move(args)...)};
+        // A reply that cannot be read, a count beyond its record's capacity for one, fails here
+        // like any other failure of the call, so that nothing thrown reaches the application.
+        read(call(method, std::move(args)...));
+        return true;
     } catch (const parlex::dead_object&) {
         // Not marked dead here: only the death notification does that, and until it arrives
         // the next request tries the server again.
@@ -169,12 +158,28 @@ std::pair<bool, parlex::AndroidParcel> ZEMAudioTrackClient::remoteCall(const std
     } catch (...) {
         log(LOG_ERROR, "remoteCall", "Unknown exception");
     }
-    return {false, parlex::AndroidParcel()};
+    return false;
 }
 
 template <typename... Args>
 int ZEMAudioTrackClient::flagRequest(const char* method, Args... args) {
-    return remoteCall(method, std::move(args)...).first ? 1 : 0;
+    return remoteCall([](const parlex::AndroidParcel&) {}, method, std::move(args)...) ? 1 : 0;
+}
+
+// A reply without a number leaves 0.
+template <typename... Args>
+long long ZEMAudioTrackClient::sourceIdRequest(const char* method, Args... args) {
+    int64_t sourceId = 0;
+    auto read = [&](const parlex::AndroidParcel& reply) { reply->readInt64(&sourceId); };
+    return remoteCall(read, method, std::move(args)...) ? sourceId : -1;
+}
+
+template <typename Record, typename Fallback>
+Record ZEMAudioTrackClient::recordRequest(const char* method, Fallback fallback) {
+    Record record;
+    auto read = [&](const parlex::AndroidParcel& reply) { reply >> record; };
+    if (remoteCall(read, method)) return record;
+    return fallback();
 }
 
 template <typename Source>
@@ -182,19 +187,19 @@ long long ZEMAudioTrackClient::setSourceCommon(const char* logName, const char* 
                                                const Source& source,
                                                const MediaDescription& description) {
     log(LOG_TRACE, logName, " ");
-    return sourceIdOr(remoteCall(method, source, description), -1);
+    return sourceIdRequest(method, source, description);
 }
 
 // ---- Requests ----
 
 long long ZEMAudioTrackClient::setSource(const ZEMAudioFormat& format, const char* clusterId) {
     log(LOG_TRACE, "setSource", " ");
-    return sourceIdOr(remoteCall(protocol::kSetSource, format, clusterId), -1);
+    return sourceIdRequest(protocol::kSetSource, format, clusterId);
 }
 
 long long ZEMAudioTrackClient::setSource(const ZEMAudioSource& source) {
     log(LOG_TRACE, "setSource", " ");
-    return sourceIdOr(remoteCall(protocol::kSetZEMAudioSource, source), -1);
+    return sourceIdRequest(protocol::kSetZEMAudioSource, source);
 }
 
 long long ZEMAudioTrackClient::setSource(const ZEMAudioSource& source,
@@ -248,53 +253,50 @@ int ZEMAudioTrackClient::seekTo(int offsetInMs, bool fromStart) {
 
 int ZEMAudioTrackClient::getOffset() {
     log(LOG_DATA, "getOffset", " ");
-    auto outcome = remoteCall(protocol::kGetOffset);
-    if (!outcome.first) return -1;
-    int32_t offset = 0;
-    outcome.second->readInt32(&offset);
-    return offset;
+    int32_t offset = 0;  // a reply without a number leaves 0
+    auto read = [&](const parlex::AndroidParcel& reply) { reply->readInt32(&offset); };
+    return remoteCall(read, protocol::kGetOffset) ? offset : -1;
 }
 
 void ZEMAudioTrackClient::destroy() {
     log(LOG_TRACE, "destroy", " ");
-    remoteCall(protocol::kDestroy);
+    flagRequest(protocol::kDestroy);
 }
 
 MediaPlayerState ZEMAudioTrackClient::getMediaPlayerState() {
     log(LOG_TRACE, "getMediaPlayerState", " ");
-    return replyOr<MediaPlayerState>(remoteCall(protocol::kGetMediaPlayerState),
-                                     noMediaPlayerState);
+    return recordRequest<MediaPlayerState>(protocol::kGetMediaPlayerState, noMediaPlayerState);
 }
 
 MediaPlayerStateV2 ZEMAudioTrackClient::getMediaPlayerStateV2() {
     log(LOG_TRACE, "getMediaPlayerStateV2", " ");
-    return replyOr<MediaPlayerStateV2>(remoteCall(protocol::kGetMediaPlayerStateV2),
-                                       noMediaPlayerStateV2);
+    return recordRequest<MediaPlayerStateV2>(protocol::kGetMediaPlayerStateV2,
+                                             noMediaPlayerStateV2);
 }
 
 // Deliberately silent, whatever the outcome.
 PlaybackAttributes ZEMAudioTrackClient::getPlaybackAttributes() {
-    return replyOr<PlaybackAttributes>(remoteCall(protocol::kGetPlaybackAttributes),
-                                       [] { return PlaybackAttributes("", "", 0, 0); });
+    return recordRequest<PlaybackAttributes>(protocol::kGetPlaybackAttributes,
+                                             [] { return PlaybackAttributes("", "", 0, 0); });
 }
 
 PlaybackReports ZEMAudioTrackClient::getPlaybackReports() {
     log(LOG_DEPRECATED, "getPlaybackReports",
         "Deprecated getPlaybackReports function, this device is using an outdated client.");
-    return replyOr<PlaybackReports>(remoteCall(protocol::kGetPlaybackReports),
-                                    [] { return PlaybackReports(); });
+    return recordRequest<PlaybackReports>(protocol::kGetPlaybackReports,
+                                          [] { return PlaybackReports(); });
 }
 
 PlaybackReportArray ZEMAudioTrackClient::getPlaybackReportArray() {
     log(LOG_TRACE, "getPlaybackReportArray", "%s", "");
-    return replyOr<PlaybackReportArray>(remoteCall(protocol::kGetPlaybackReportArray),
-                                        [] { return PlaybackReportArray(); });
+    return recordRequest<PlaybackReportArray>(protocol::kGetPlaybackReportArray,
+                                              [] { return PlaybackReportArray(); });
 }
 
 Fingerprint ZEMAudioTrackClient::getFingerprint() {
     log(LOG_TRACE, "getFingerprint", " ");
-    return replyOr<Fingerprint>(remoteCall(protocol::kGetFingerprint),
-                                [] { return Fingerprint("", "", ""); });
+    return recordRequest<Fingerprint>(protocol::kGetFingerprint,
+                                      [] { return Fingerprint("", "", ""); });
 }
 
 int ZEMAudioTrackClient::setVolume(float volumeGain) {
@@ -351,9 +353,13 @@ void ZEMAudioTrackClient::stateEvent(const char* function, long long sourceId,
 
 parlex::AndroidBuffer ZEMAudioTrackClient::getBuffer(int size) {
     log(LOG_DATA, "getBuffer", "size=%d", size);
-    if (size < 0) {
+    // A reply larger than a message could never be sent, so a size beyond it is refused before
+    // anything is allocated: a service asking for 2 GiB costs this process nothing.
+    if (size < 0 || static_cast<size_t>(size) > parlex::kMaxMessageSize) {
         log(LOG_ERROR, "getBuffer", "refused a request for %d bytes", size);
-        throw std::invalid_argument("getBuffer: negative size " + std::to_string(size));
+        throw std::invalid_argument(size < 0 ? "getBuffer: negative size " + std::to_string(size)
+                                             : "getBuffer: size " + std::to_string(size) +
+                                                   " above the message limit");
     }
     // Not cleared: the listener fills it, and only what it reports as written is sent.
     std::unique_ptr<uint8_t[]> bytes(new uint8_t[static_cast<size_t>(size)]);

@@ -107,11 +107,11 @@ public:
     void onLicenseAvailable(long long sourceId) override;
     void onFirstDataSegmentAvailable(long long sourceId) override;
 
-    // Sends `method` with `args` under the call lock and waits for the reply. The flag is false,
-    // and the parcel empty, when the server is known dead or the call failed; the failure has
-    // then been logged.
-    template <typename... Args>
-    std::pair<bool, parlex::AndroidParcel> remoteCall(const std::string& method, Args... args);
+    // Sends `method` with `args` under the call lock, waits for the reply and hands it to `read`.
+    // Reading the reply is part of the call: false when the server is known dead, the call failed
+    // or `read` threw on a malformed reply; the failure has then been logged.
+    template <typename Read, typename... Args>
+    bool remoteCall(Read&& read, const std::string& method, Args... args);
 
 private:
     void bindIncoming();
@@ -123,6 +123,12 @@ private:
     // A request whose client result only says whether the reply arrived.
     template <typename... Args>
     int flagRequest(const char* method, Args... args);
+    // A request answered with a source id; -1 when it failed.
+    template <typename... Args>
+    long long sourceIdRequest(const char* method, Args... args);
+    // A request answered with a record; the one `fallback` makes when it failed.
+    template <typename Record, typename Fallback>
+    Record recordRequest(const char* method, Fallback fallback);
 
     // Hands an event to the newest listener: `toV3orV2` is called with an EventListenerV3& or
     // an EventListenerV2&, `toV1` with an EventListener&. Logs "No listener found" under

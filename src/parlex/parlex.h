@@ -208,6 +208,13 @@ public:
         transmit(name, args...).get();
     }
 
+    // Sends an event and returns at once; the future's get() waits until the peer has handled
+    // it, and throws what event() would have thrown.
+    template <typename... Args>
+    std::future<Parcel> post(const std::string& name, Args... args) {
+        return transmit(name, args...);
+    }
+
     // Sends a callback and returns the peer's reply.
     template <typename... Args>
     Parcel callback(const std::string& name, Args... args) {

@@ -1,10 +1,11 @@
 // The server: the track registry, the player's data path and the relay of the player's reports
 // to the track that owns the source.
 //
-// Lock order: tracksMutex is taken before a track's own locks (a track's event lock during the
-// metadata broadcast), never after. A track's last reference must not go while tracksMutex is
-// held: its destructor removes the track from the registry, which takes the lock again. So every
-// strong reference taken under the lock is kept until the lock is released.
+// Lock order: tracksMutex is the innermost lock. A track holds its source lock when it reports a
+// new source id, and nothing is called with tracksMutex held: no track, client, player or log
+// sink. A track's last reference must not go while tracksMutex is held: its destructor removes
+// the track from the registry, which takes the lock again. So every strong reference taken under
+// the lock is kept until the lock is released.
 #include <orv/AudioServerImpl.h>
 
 #include <cstdarg>
@@ -40,6 +41,15 @@ void relay(AudioServerImpl& server, const char* report, long long sourceId, Even
     server.log(LOG_ERROR, report, "no track found, sourceId=%d", static_cast<int>(sourceId));
 }
 
+// Takes `trackId` out of the holders of `sourceId`; a source id that nobody holds goes.
+template <typename Owners>
+void disown(Owners& owners, long long sourceId, unsigned int trackId) {
+    const auto holders = owners.find(sourceId);
+    if (holders == owners.end()) return;
+    holders->second.erase(trackId);
+    if (holders->second.empty()) owners.erase(holders);
+}
+
 }  // namespace
 
 AudioServerImpl::AudioServerImpl(std::shared_ptr<OrvServerHandlerInterface> handler,
@@ -59,6 +69,7 @@ AudioServerImpl::~AudioServerImpl() {
     {
         std::lock_guard<std::mutex> lock(tracksMutex);
         tracks.clear();
+        owners.clear();
     }
     // The transport's connections end here and release their tracks, whose destructors call
     // removeTrack: that must happen while the registry still exists.
@@ -76,32 +87,66 @@ void AudioServerImpl::log(LogLevel level, const char* function, const char* form
 
 std::shared_ptr<ZEMServerTrack> AudioServerImpl::createNewTrack() {
     log(LOG_LIFECYCLE, "createNewTrack", "started");
-    std::shared_ptr<ZEMServerTrack> track;  // outlives the lock, see the top of the file
-    std::lock_guard<std::mutex> lock(tracksMutex);
-    const unsigned int trackId = nextTrackId++;
-    track = std::make_shared<ZEMServerTrack>(handler, logger, this, trackId);
+    unsigned int trackId = 0;
+    {
+        std::lock_guard<std::mutex> lock(tracksMutex);
+        trackId = nextTrackId++;
+    }
+    // Built outside the lock, as its constructor logs; it is not reachable before it is entered.
+    auto track = std::make_shared<ZEMServerTrack>(handler, logger, this, trackId);
+    {
+        std::lock_guard<std::mutex> lock(tracksMutex);
+        tracks[trackId] = Registered{track, 0};
+        owners[0].insert(trackId);
+    }
     log(LOG_LIFECYCLE, "createNewTrack", "created, trackId=%d", trackId);
-    tracks[trackId] = track;
     return track;
 }
 
 std::shared_ptr<ZEMServerTrack> AudioServerImpl::getTrack(long long sourceId) {
-    std::vector<std::shared_ptr<ZEMServerTrack>> held;  // outlives the lock
-    std::lock_guard<std::mutex> lock(tracksMutex);
-    held.reserve(tracks.size());
-    // In ascending track id: of two tracks given the same source id, the older one wins.
-    for (const auto& entry : tracks) {
-        held.push_back(entry.second.lock());
-        if (held.back() && held.back()->sourceId() == sourceId) return held.back();
+    std::shared_ptr<ZEMServerTrack> found;  // outlives the lock
+    {
+        std::lock_guard<std::mutex> lock(tracksMutex);
+        // In ascending track id: of two tracks given the same source id, the older one wins. A
+        // track that went but has not left yet is skipped.
+        if (const auto holders = owners.find(sourceId); holders != owners.end()) {
+            for (auto id = holders->second.begin(); !found && id != holders->second.end(); ++id) {
+                found = tracks.at(*id).track.lock();
+            }
+        }
     }
-    log(LOG_ERROR, "getTrack", "cannot find track, sourceId=%d", static_cast<int>(sourceId));
-    return nullptr;
+    if (!found) {
+        log(LOG_ERROR, "getTrack", "cannot find track, sourceId=%d", static_cast<int>(sourceId));
+    }
+    return found;
 }
 
 void AudioServerImpl::removeTrack(unsigned int trackId) {
     log(LOG_LIFECYCLE, "removeTrack", "trackId=%d", trackId);
     std::lock_guard<std::mutex> lock(tracksMutex);
-    tracks.erase(trackId);
+    const auto entry = tracks.find(trackId);
+    if (entry == tracks.end()) return;
+    disown(owners, entry->second.sourceId, trackId);
+    tracks.erase(entry);
+}
+
+void AudioServerImpl::sourceChanged(unsigned int trackId, long long sourceId) {
+    std::lock_guard<std::mutex> lock(tracksMutex);
+    const auto entry = tracks.find(trackId);
+    if (entry == tracks.end() || entry->second.sourceId == sourceId) return;  // gone, or the same
+    disown(owners, entry->second.sourceId, trackId);
+    owners[sourceId].insert(trackId);
+    entry->second.sourceId = sourceId;
+}
+
+std::vector<std::shared_ptr<ZEMServerTrack>> AudioServerImpl::liveTracks() {
+    std::vector<std::shared_ptr<ZEMServerTrack>> live;
+    std::lock_guard<std::mutex> lock(tracksMutex);
+    live.reserve(tracks.size());
+    for (const auto& entry : tracks) {
+        if (auto track = entry.second.track.lock()) live.push_back(std::move(track));
+    }
+    return live;
 }
 
 int AudioServerImpl::getData(uint8_t* buffer, unsigned int size, long long sourceId) {
@@ -199,18 +244,29 @@ MetadataKeyValuePairs AudioServerImpl::toMetadataKeyValuePairs(
     return pairs;
 }
 
-// The whole broadcast runs under the registry lock, so that no track is created, removed or
-// looked up until every track has its update.
+// The broadcast works on a snapshot of the registry and holds no lock of it, so that a client
+// slow to answer, or one that destroys its track from inside the event, holds up no other client's
+// audio, events or new tracks. Every track with no event in flight gets the update before the
+// broadcast waits for any answer; a track busy with another event gets it once that is answered,
+// after the others.
 void AudioServerImpl::updateMetadata(const std::map<std::string, std::string>& metadata) {
-    std::vector<std::shared_ptr<ZEMServerTrack>> held;  // outlives the lock
-    std::lock_guard<std::mutex> lock(tracksMutex);
     const MetadataKeyValuePairs pairs = toMetadataKeyValuePairs(metadata);
     const MediaPlayerStateV2 noState;
-    held.reserve(tracks.size());
-    for (const auto& entry : tracks) {
-        held.push_back(entry.second.lock());
-        if (held.back())
-            held.back()->onStreamMetadataExtracted(held.back()->sourceId(), noState, pairs);
+    const std::vector<std::shared_ptr<ZEMServerTrack>> live = liveTracks();
+    std::vector<std::pair<ZEMServerTrack*, ZEMAudioTrackServer::PendingEvent>> sent;
+    std::vector<ZEMServerTrack*> busy;
+    sent.reserve(live.size());
+    for (const std::shared_ptr<ZEMServerTrack>& track : live) {
+        auto pending = track->tryStreamMetadata(track->sourceId(), noState, pairs);
+        if (pending) {
+            sent.emplace_back(track.get(), std::move(*pending));
+        } else {
+            busy.push_back(track.get());
+        }
+    }
+    for (auto& [track, pending] : sent) track->finishEvent(pending);
+    for (ZEMServerTrack* track : busy) {
+        track->onStreamMetadataExtracted(track->sourceId(), noState, pairs);
     }
 }
 

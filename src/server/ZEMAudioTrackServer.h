@@ -13,8 +13,10 @@
 #include <orv/Records.h>
 #include <parlex/binder.h>
 
+#include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -29,7 +31,7 @@ public:
     ~ZEMAudioTrackServer() override;
 
     // The client's next audio, at most `size` bytes; an empty buffer when the client could not
-    // be asked. Throws when the client's reply holds no readable buffer.
+    // be asked. Throws when the client's reply holds no readable buffer (getData catches it).
     parlex::AndroidBuffer getBuffer(int size) override;
     void closeAudioSource() override;
 
@@ -54,6 +56,21 @@ public:
                   const MediaPlayerStateV2& after) override;
     void onLicenseAvailable(long long sourceId) override;
     void onFirstDataSegmentAvailable(long long sourceId) override;
+
+    // An event sent and not answered yet. It holds the track's event lock, so that no other
+    // event of the track overlaps it, until finishEvent has the client's answer.
+    struct PendingEvent {
+        std::unique_lock<std::mutex> lock;
+        std::future<parlex::AndroidParcel> answer;  // not valid when the send failed
+    };
+    // The stream metadata event, sent without waiting for the answer: a broadcast sends to every
+    // track before it waits for any. Empty, with nothing sent or logged, while another event of
+    // this track is in flight.
+    std::optional<PendingEvent> tryStreamMetadata(long long sourceId,
+                                                  const MediaPlayerStateV2& state,
+                                                  const MetadataKeyValuePairs& metadata);
+    // Waits for the answer, logs a failure as remoteEvent does and releases the event lock.
+    void finishEvent(PendingEvent& pending);
 
 private:
     void bindRequests();

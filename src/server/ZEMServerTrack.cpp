@@ -305,6 +305,30 @@ void ZEMAudioTrackServer::onStreamMetadataExtracted(long long sourceId,
     remoteEvent(protocol::kOnStreamMetadataExtracted, sourceId, state, metadata);
 }
 
+std::optional<ZEMAudioTrackServer::PendingEvent> ZEMAudioTrackServer::tryStreamMetadata(
+    long long sourceId, const MediaPlayerStateV2& state, const MetadataKeyValuePairs& metadata) {
+    std::unique_lock<std::mutex> lock(eventMutex, std::try_to_lock);
+    if (!lock.owns_lock()) return std::nullopt;
+    log(LOG_TRACE, protocol::kOnStreamMetadataExtracted, "sourceId=%lld, offsetMs=%d", sourceId,
+        state.offsetMs);
+    PendingEvent pending{std::move(lock), {}};
+    try {
+        pending.answer = post(protocol::kOnStreamMetadataExtracted, sourceId, state, metadata);
+    } catch (...) {
+        logSendFailure(*this, "remoteEvent");
+    }
+    return pending;
+}
+
+void ZEMAudioTrackServer::finishEvent(PendingEvent& pending) {
+    try {
+        if (pending.answer.valid()) pending.answer.get();
+    } catch (...) {
+        logSendFailure(*this, "remoteEvent");
+    }
+    pending.lock.unlock();
+}
+
 void ZEMAudioTrackServer::onStopRequested(long long sourceId) {
     log(LOG_TRACE, protocol::kOnStopRequested, "sourceId=%lld", sourceId);
     remoteEvent(protocol::kOnStopRequested, sourceId);
@@ -361,6 +385,7 @@ ZEMServerTrack::ZEMServerTrack(std::shared_ptr<OrvServerHandlerInterface> handle
 ZEMServerTrack::~ZEMServerTrack() {
     log(LOG_TRACE, "~ZEMServerTrack", "sourceId=%lld", sourceId());
     destroy();
+    releaseHeldSources();
 }
 
 bool ZEMServerTrack::isSampleSizeSupported(unsigned int bits) {
@@ -500,14 +525,13 @@ void ZEMServerTrack::releaseAndSetSource(const SourceConfig& config, const char*
     const long long old = currentSourceId;
     const long long id = handler->setSource(config, clusterId);
     currentSourceId = id;
+    if (server != nullptr) server->sourceChanged(trackId, id);
     sources[id] = config;
     const float currentVolume = volume;
     if (currentVolume >= 0.0f) handler->setVolume(currentVolume, id);
     handler->setFocusSessionId(focusSessionId, id);
-    if (old != 0 && !released) {
-        handler->releaseSource(old);
-        sources.erase(old);
-    }
+    // A source that "destroy" released is no longer held, and is not released again.
+    if (old != 0 && !released && sources.erase(old) != 0) handler->releaseSource(old);
 }
 
 // The log line and the player's operation share the operation's name.
@@ -590,18 +614,43 @@ int ZEMServerTrack::newDecryptKey(const std::string& key) {
     return handler->newDecryptKey(id, key.c_str());
 }
 
+// A track without a source releases source id 0, as players have always been told.
 void ZEMServerTrack::destroy() {
     if (destroyed.exchange(true)) return;
-    const long long id = sourceId();
-    log(LOG_TRACE, "destroy", "sourceId=%lld", id);
-    handler->releaseSource(id);
+    {
+        std::lock_guard<std::mutex> lock(sourcesMutex);
+        const long long id = sourceId();
+        log(LOG_TRACE, "destroy", "sourceId=%lld", id);
+        if (sources.erase(id) != 0 || id == 0) handler->releaseSource(id);
+    }
     if (server != nullptr) server->removeTrack(trackId);
+}
+
+// The sources still held when the track goes: those a client set after its "destroy".
+void ZEMServerTrack::releaseHeldSources() {
+    std::map<long long, SourceConfig> held;
+    {
+        std::lock_guard<std::mutex> lock(sourcesMutex);
+        held.swap(sources);
+    }
+    for (const auto& entry : held) {
+        log(LOG_LIFECYCLE, "~ZEMServerTrack", "released sourceId=%lld, set after destroy",
+            entry.first);
+        handler->releaseSource(entry.first);
+    }
 }
 
 int ZEMServerTrack::getData(uint8_t* buffer, unsigned int size) {
     log(LOG_DATA, "getData", "sourceId=%lld", sourceId());
     const int asked = size < kDataRequestLimit ? static_cast<int>(size) : kDataRequestCut;
-    const parlex::AndroidBuffer data = getBuffer(asked);
+    parlex::AndroidBuffer data;
+    try {
+        data = getBuffer(asked);
+    } catch (const std::exception& error) {
+        // A client's malformed answer must not reach the player's thread.
+        log(LOG_ERROR, "getData", "malformed reply: %s", error.what());
+        return -1;
+    }
     if (data.data() == nullptr || data.size() == 0) return -1;
     unsigned int length = data.size();
     // The player's buffer holds `size` bytes: a client that sends more than it was asked for

@@ -52,7 +52,8 @@ public:
     int resume() override;
     int seekTo(int offsetInMs, bool fromStart) override;
     int getOffset() override;
-    // Releases the source and leaves the registry, once; later requests are still forwarded.
+    // Releases the source and leaves the registry, once; later requests are still forwarded,
+    // and a source set after it is released when the track goes.
     void destroy() override;
     MediaPlayerState getMediaPlayerState() override;
     MediaPlayerStateV2 getMediaPlayerStateV2() override;
@@ -76,6 +77,7 @@ private:
     Result forward(LogLevel level, const char* function,
                    Result (OrvServerHandlerInterface::*operation)(long long));
     bool releaseSourceId(const SourceConfig& config);
+    void releaseHeldSources();
 
     static bool isSampleSizeSupported(unsigned int bits);
     static bool isNumChannelsSupported(unsigned int channels);
@@ -90,9 +92,12 @@ private:
     std::atomic<float> volume{-1.0f};  // negative: never set
     std::atomic<unsigned int> focusSessionId{0};
     // guards: sources. Held for a whole source change, so that two requests racing to set a
-    // source cannot interleave their calls to the player or their changes to the map.
+    // source, or to set one and destroy, cannot interleave their calls to the player or their
+    // changes to the map. Taken before the registry's lock.
     std::mutex sourcesMutex;
-    std::map<long long, SourceConfig> sources;  // what the player was given for each open id
+    // What the player was given for each id it still holds for this track: each is released
+    // exactly once, by a source change, by "destroy" or when the track goes.
+    std::map<long long, SourceConfig> sources;
     std::atomic<bool> destroyed{false};
 };
 

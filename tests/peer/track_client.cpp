@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "parlex/TrackProtocol.h"
-#include "support/TrackCases.h"
+#include "support/RawArgs.h"
 
 namespace {
 
@@ -27,22 +27,7 @@ void say(const std::string& line) {
     std::fflush(stdout);
 }
 
-// Arguments as raw bytes: those the test encoded, or whatever an event or a reply carries.
-struct Raw {
-    std::vector<uint8_t> bytes;
-
-    std::string hex() const { return orv::test::hexOf(bytes.data(), bytes.size()); }
-};
-parlex::AndroidParcel& operator<<(parlex::AndroidParcel& parcel, const Raw& raw) {
-    parcel->write(raw.bytes.data(), raw.bytes.size());
-    return parcel;
-}
-const parlex::AndroidParcel& operator>>(const parlex::AndroidParcel& parcel, Raw& raw) {
-    const android::Parcel& data = *parcel.parcel();
-    raw.bytes.assign(data.data() + data.dataPosition(), data.data() + data.dataSize());
-    data.setDataPosition(data.dataSize());
-    return parcel;
-}
+using orv::test::Raw;
 
 std::atomic<int> bufferBytes{-1};
 std::atomic<bool> holdFirst{false};
@@ -83,13 +68,9 @@ int main(int argc, char** argv) {
         } else if (first == "release") {
             release.set_value();
         } else {
-            Raw arg;
-            for (size_t k = 0; args != "-" && k + 1 < args.size(); k += 2) {
-                arg.bytes.push_back(
-                    static_cast<uint8_t>(std::stoi(args.substr(k, 2), nullptr, 16)));
-            }
             try {
-                say("reply " + proxies.at(std::stoul(first))->call(name, arg).as<Raw>().hex());
+                say("reply " +
+                    proxies.at(std::stoul(first))->call(name, Raw::of(args)).as<Raw>().hex());
             } catch (const std::exception& error) {
                 say(std::string("error ") + error.what());
             }

@@ -1,0 +1,203 @@
+// Both halves against peers that break the protocol or stall: a service that answers with
+// malformed replies and asks for absurd buffers (hostile_service), clients that answer with a
+// malformed buffer, stay inside an event or destroy their track from inside one (hostile_client).
+// Neither process may crash, and one bad peer may hold up no other.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <orv/AudioServerImpl.h>
+#include <orv/ZEMAudioServer.h>
+
+#include <atomic>
+#include <climits>
+#include <future>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/RecordCodec.h"
+#include "support/MockPlayer.h"
+#include "support/Process.h"
+#include "support/RawArgs.h"
+
+namespace orv::test {
+namespace {
+
+using namespace ::testing;
+using namespace parlex::test;
+
+TEST(HostileServiceTest, MalformedRepliesAndOversizedBufferRequestsFailAloneAndThrowNothing) {
+    PrivateRuntimeDir dir;
+    Process service({HOSTILE_SERVICE_PATH});
+    ASSERT_EQ(service.readLine(), "ready");
+    auto sink = std::make_shared<RecordingLogSink>();
+    auto listener = std::make_shared<RecordingListener>(sink, "v3");
+    std::atomic<int> filled{0};  // the listener's getBuffer calls; it writes nothing
+    listener->count = [&](int) {
+        ++filled;
+        return 0;
+    };
+    std::unique_ptr<ZEMAudioTrack> track(createZEMAudioTrack());
+    ASSERT_TRUE(track->init(std::shared_ptr<EventListenerV3>(listener), sink));
+
+    std::string got;
+    EXPECT_NO_THROW(got = text(track->getPlaybackReportArray()));
+    EXPECT_EQ(got, "0:");
+    EXPECT_NO_THROW(got = text(track->getPlaybackReports()));
+    EXPECT_EQ(got, "0:");
+    EXPECT_EQ(
+        sink->count(LOG_ERROR,
+                    "remoteCall:RPC failed exception: PlaybackReportArray count 1000 exceeds"),
+        1u);
+    EXPECT_EQ(
+        sink->count(LOG_ERROR, "remoteCall:RPC failed exception: PlaybackReports count 2147483647"),
+        1u);
+    EXPECT_TRUE(track->play());  // the connection is as it was
+
+    // Sizes beyond what one message can carry are refused before anything is allocated.
+    const int limit = static_cast<int>(parlex::kMaxMessageSize);
+    for (int size : {INT_MAX, limit + 1, -1, 16}) {
+        const bool refused = size != 16;
+        ASSERT_TRUE(service.writeLine("getBuffer " + text(size)));
+        EXPECT_EQ(service.readLine().value_or("").substr(0, 6), refused ? "error " : "reply ")
+            << size;
+        EXPECT_EQ(
+            sink->count(LOG_ERROR, "getBuffer:refused a request for " + text(size) + " bytes"),
+            refused ? 1u : 0u);
+    }
+    EXPECT_EQ(filled, 1);
+}
+
+class HostileClientTest : public Test {
+protected:
+    HostileClientTest() {
+        ON_CALL(*player, setSource).WillByDefault([this](const SourceConfig&, const char*) {
+            return nextSourceId.fetch_add(1);
+        });
+    }
+    // A peer, once it said it is ready.
+    Process& start(std::vector<std::string> argv) {
+        peers.push_back(std::make_unique<Process>(std::move(argv)));
+        EXPECT_EQ(peers.back()->readLine(), "ready");
+        return *peers.back();
+    }
+    // The sink's lock orders this thread's mock set-up before the server's use of it, which
+    // ThreadSanitizer does not see through the socket and the pipe.
+    std::string send(Process& peer, const std::string& command) {
+        sink->entries();
+        peer.writeLine(command);
+        return peer.readLine().value_or("(no answer)");
+    }
+    void setPcm(Process& peer, long long id) {
+        EXPECT_EQ(send(peer, "0 setZEMAudioSource " + Raw::encoding(source(0)).hex()),
+                  "reply " + Raw::encoding(id).hex());
+    }
+
+    PrivateRuntimeDir runtimeDir;
+    std::shared_ptr<NiceMock<MockPlayer>> player = std::make_shared<NiceMock<MockPlayer>>();
+    std::shared_ptr<RecordingLogSink> sink = std::make_shared<RecordingLogSink>();
+    std::atomic<long long> nextSourceId{100};  // the player's next source id
+    std::unique_ptr<ZEMAudioServer> server = std::make_unique<ZEMAudioServer>(player, sink);
+    AudioServerImpl* impl = static_cast<AudioServerImpl*>(player->delegate.load());
+    std::vector<std::unique_ptr<Process>> peers;
+};
+
+// The sleeper, then the destroyer, come before the polite client in the registry: a broadcast
+// that waited for each client in turn would never reach the polite one.
+TEST_F(HostileClientTest, AClientStuckInOrDestroyingFromItsMetadataEventHoldsUpNoOtherClient) {
+    std::promise<void> destroyed;
+    EXPECT_CALL(*player, releaseSource(_)).Times(AnyNumber());
+    EXPECT_CALL(*player, releaseSource(101)).WillOnce([&](long long) {
+        destroyed.set_value();
+        return 0;
+    });
+    Process& sleeper = start({HOSTILE_CLIENT_PATH, "sleep"});      // source 100
+    Process& destroyer = start({HOSTILE_CLIENT_PATH, "destroy"});  // source 101
+    Process& polite = start({TRACK_CLIENT_PATH, "1"});
+    setPcm(polite, 102);
+    uint8_t buffer[64];
+    int got = 0;
+    EXPECT_NO_THROW(got = impl->getData(buffer, sizeof buffer, 100));  // answered malformed
+    EXPECT_EQ(got, -1);
+    EXPECT_EQ(sink->count(LOG_ERROR, "getData:malformed reply: readBlob failed"), 1u);
+
+    auto broadcast = std::async(std::launch::async, [&] {
+        impl->updateMetadata({{"title", "Song"}});
+    });
+    EXPECT_EQ(sleeper.readLine(), "metadata");
+    EXPECT_EQ(destroyer.readLine(), "metadata");
+    EXPECT_EQ(destroyer.readLine(), "destroyed");
+    EXPECT_EQ(destroyed.get_future().wait_for(kTimeout), std::future_status::ready);
+    MetadataKeyValuePairs pairs;
+    pairs.pairs[pairs.count++] = MetadataKeyValuePair("com.tarnek.kolvo.metadata.update", "true");
+    pairs.pairs[pairs.count++] = MetadataKeyValuePair("title", "Song");
+    EXPECT_EQ(polite.readLine(), "event 0 onStreamMetadataExtracted " +
+                                     Raw::encoding(102LL, MediaPlayerStateV2(), pairs).hex());
+    // While the sleeper still holds its event, the others' audio flows and new tracks come.
+    auto pull = std::async(std::launch::async, [&] { return impl->getData(buffer, 64, 102); });
+    EXPECT_EQ(pull.wait_for(kTimeout), std::future_status::ready);
+    EXPECT_EQ(polite.readLine(), "getBuffer 0 64");
+    start({TRACK_CLIENT_PATH, "1"});
+    EXPECT_NE(broadcast.wait_for(std::chrono::milliseconds(0)), std::future_status::ready);
+    sleeper.writeLine("wake");
+    const bool done = broadcast.wait_for(kTimeout) == std::future_status::ready;
+    EXPECT_TRUE(done);
+    if (!done) {
+        for (auto& peer : peers) peer->kill();  // so that the futures above can end
+    }
+}
+
+TEST_F(HostileClientTest, EverySourceATrackStillHoldsIsReleasedOnceWhenItGoes) {
+    std::promise<void> gone;
+    {
+        InSequence order;
+        EXPECT_CALL(*player, releaseSource(100));  // by "destroy"
+        EXPECT_CALL(*player, releaseSource(101));  // replaced by another URL
+        EXPECT_CALL(*player, releaseSource(102)).WillOnce([&](long long) {  // as the client goes
+            gone.set_value();
+            return 0;
+        });
+    }
+    Process& peer = start({TRACK_CLIENT_PATH, "1"});
+    setPcm(peer, 100);
+    EXPECT_EQ(send(peer, "0 destroy -"), "reply -");
+    setPcm(peer, 101);
+    EXPECT_THAT(send(peer, "0 play -"), StartsWith("reply "));
+    const MediaDescription none;
+    EXPECT_EQ(send(peer, "0 setZEMAudioSourceV2MediaDescription " +
+                             Raw::encoding(source<ZEMAudioSourceV2>(kSourceTypeUrl), none).hex()),
+              "reply " + Raw::encoding(102LL).hex());
+    peer.kill();
+    EXPECT_EQ(gone.get_future().wait_for(kTimeout), std::future_status::ready);
+    EXPECT_EQ(
+        sink->count(LOG_LIFECYCLE, "~ZEMServerTrack:released sourceId=102, set after destroy"), 1u);
+}
+
+// The registry's lookup by source id follows a track's new source id and its departure, and a
+// miss is logged as it always was.
+TEST_F(HostileClientTest, TheOwnerOfASourceIdFollowsSourceChangesAndDeparture) {
+    Process& peer = start({TRACK_CLIENT_PATH, "2"});
+    // The client's track that getData for `id` reaches, or the lines of a miss.
+    auto reach = [&](long long id) {
+        sink->clear();
+        uint8_t byte = 0;
+        if (impl->getData(&byte, 1, id) == 1) return peer.readLine().value_or("(none)");
+        return text(sink->count(LOG_ERROR, "getTrack:cannot find track, sourceId=5")) +
+               text(sink->count(LOG_ERROR, "getData:no track found, sourceId=5"));
+    };
+    for (int track : {0, 1}) {
+        nextSourceId = 5;
+        EXPECT_EQ(send(peer, text(track) + " setZEMAudioSource " + Raw::encoding(source(0)).hex()),
+                  "reply " + Raw::encoding(5LL).hex());
+    }
+    EXPECT_EQ(reach(5), "getBuffer 0 1");  // the older track
+    setPcm(peer, 6);                       // track 0 moves from 5 to 6
+    EXPECT_EQ(reach(6), "getBuffer 0 1");
+    EXPECT_EQ(reach(5), "getBuffer 1 1");
+    EXPECT_EQ(send(peer, "1 destroy -"), "reply -");
+    EXPECT_EQ(reach(5), "11");
+    EXPECT_EQ(reach(0x100000005), "11");  // only the low 32 bits are printed
+}
+
+}  // namespace
+}  // namespace orv::test
