@@ -291,6 +291,41 @@ TEST_F(PlayerTest, FileThatIsSlowToOpenHoldsUpNoOtherSource) {
     EXPECT_TRUE(client.waitFor("close"));
 }
 
+TEST_F(PlayerTest, ClientProcessGetsItsShareOfSourcesAndPlaysOnlyFilesItCouldRead) {
+    static thread_local parlex::PeerCredentials caller{100, 65534, 65534};
+    HostPlayer::Options shared = options();
+    shared.callingPeer = [] { return std::optional<parlex::PeerCredentials>(caller); };
+    FakeClient client(audio);
+    HostPlayer sharedPlayer(shared);
+    sharedPlayer.setMediaClientDelegate(&client);
+    std::vector<long long> ids;
+    for (size_t i = 0; i < shared.maxSourcesPerProcess; ++i) {
+        ids.push_back(sharedPlayer.setSource(pcm(), ""));
+        ASSERT_GT(ids.back(), 0);
+    }
+    EXPECT_EQ(sharedPlayer.setSource(pcm(), ""), 0);
+    caller.pid = 200;
+    EXPECT_GT(sharedPlayer.setSource(pcm(), ""), 0);
+    caller.pid = 100;
+    sharedPlayer.releaseSource(ids.back());
+    EXPECT_GT(sharedPlayer.setSource(pcm(), ""), 0);
+
+    caller.pid = 300;
+    const std::string secret = dir.path() + "/secret.wav";
+    SF_INFO info{4800, 48000, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
+    sf_close(sf_open(secret.c_str(), SFM_WRITE, &info));
+    orv::SourceConfig config;
+    config.type = orv::kSourceTypeUrl;
+    config.setUrl(("file://" + secret).c_str());
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
+    const long long refused = sharedPlayer.setSource(config, "");
+    EXPECT_EQ(sharedPlayer.play(refused), -1);
+    EXPECT_TRUE(client.waitFor("error1"));
+    struct stat written {};
+    EXPECT_NE(::stat((dir.path() + "/out.wav").c_str(), &written), 0);  // nothing reached it
+}
+
 // Files owned by this process's user, checked for synthetic peers: another user, a member of
 // the files' group, and the owner himself.
 TEST(AccessTest, PeerReadsOnlyWhatItsOwnRightsAllowThroughEveryDirectoryAndLink) {

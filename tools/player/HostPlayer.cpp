@@ -1,7 +1,5 @@
 #include "HostPlayer.h"
 
-#include <parlex/binder.h>
-
 #include <system_error>
 
 namespace zem {
@@ -48,6 +46,8 @@ long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*c
     settings.sinks = &sinks_;
     settings.log = &log_;
     settings.fast = options_.fast;
+    // Taken on the thread that runs the client's request; none means the service itself.
+    const std::optional<parlex::PeerCredentials> client = options_.callingPeer();
     long long id = 0;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -56,12 +56,21 @@ long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*c
                  closing_ ? "shutting down" : "too many sources");
             return 0;
         }
+        if (client && perProcess_[client->pid] >= options_.maxSourcesPerProcess) {
+            log_(orv::LOG_ERROR, "setSource", "too many sources for client process %d",
+                 static_cast<int>(client->pid));
+            return 0;
+        }
         id = nextId_++;
         ++opening_;  // holds the source's place while its file opens without the lock
+        if (client) {
+            owners_[id] = client->pid;
+            ++perProcess_[client->pid];
+        }
     }
     std::shared_ptr<Source> source;
     try {
-        source = std::make_shared<Source>(id, config, settings, openFile(id, config));
+        source = std::make_shared<Source>(id, config, settings, openFile(id, config, client));
         source->startThread();
     } catch (const std::exception& error) {
         log_(orv::LOG_ERROR, "setSource", "no thread for a new source: %s", error.what());
@@ -69,8 +78,9 @@ long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*c
     }
     std::lock_guard<std::mutex> lock(mutex_);
     --opening_;
-    if (!source) return 0;
-    if (closing_) {
+    if (!source || closing_) {
+        forgetOwner(id);
+        if (!source) return 0;
         // Shutdown began while the file opened: the source never plays.
         source->release();
         retired_.push_back(std::move(source));
@@ -84,11 +94,10 @@ long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*c
 // Opens and parses a URL source's file, as its client may read it. Runs without the table's
 // lock: opening a file may take long (a slow or hung file system), and other clients' calls
 // must not wait for it.
-OpenedFile HostPlayer::openFile(long long id, const orv::SourceConfig& config) {
+OpenedFile HostPlayer::openFile(long long id, const orv::SourceConfig& config,
+                                const std::optional<parlex::PeerCredentials>& client) {
     OpenedFile file;
     if (config.type != orv::kSourceTypeUrl) return file;
-    // Taken on the thread that runs the client's request; none means the service itself.
-    const std::optional<parlex::PeerCredentials> client = parlex::callingPeer();
     std::optional<PeerIdentity> peer;
     if (client) peer = peerIdentity(client->pid, client->uid, client->gid);
     const std::optional<std::string> path = pathFromUrl(config.url ? config.url : "", file.error);
@@ -116,6 +125,14 @@ Result HostPlayer::withSource(long long sourceId, Result fallback, Call call) {
         source = it->second;
     }
     return call(*source);
+}
+
+// Called with mutex_ held.
+void HostPlayer::forgetOwner(long long sourceId) {
+    const auto owner = owners_.find(sourceId);
+    if (owner == owners_.end()) return;
+    if (--perProcess_[owner->second] == 0) perProcess_.erase(owner->second);
+    owners_.erase(owner);
 }
 
 // Joins the released sources whose threads have ended, without waiting for the others.
@@ -206,6 +223,7 @@ int HostPlayer::releaseSource(long long sourceId) {
         if (it == sources_.end()) return -1;
         source = std::move(it->second);
         sources_.erase(it);
+        forgetOwner(sourceId);
         source->release();
         retired_.push_back(source);
     }

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <orv/OrvServerHandlerInterface.h>
+#include <parlex/binder.h>
 
 #include <atomic>
 #include <chrono>
@@ -40,6 +41,10 @@ public:
         bool fast = false;
         std::shared_ptr<orv::LoggingDelegate> log;
         size_t maxSources = 64;  // open at once, so that one client cannot exhaust the threads
+        // Open at once for one client process, so that one cannot take every source there is.
+        size_t maxSourcesPerProcess = 16;
+        // The client a request comes from; the transport's unless a test replaces it.
+        std::function<std::optional<parlex::PeerCredentials>()> callingPeer = parlex::callingPeer;
         // Opens a URL source's file for its client; openReadableBy unless a test replaces it.
         std::function<int(const std::string& path, const std::optional<PeerIdentity>& peer,
                           std::string& error, bool* denied)>
@@ -77,15 +82,20 @@ private:
     template <typename Result, typename Call>
     Result withSource(long long sourceId, Result fallback, Call call);
     void reapEnded();
-    OpenedFile openFile(long long id, const orv::SourceConfig& config);
+    void forgetOwner(long long sourceId);
+    OpenedFile openFile(long long id, const orv::SourceConfig& config,
+                        const std::optional<parlex::PeerCredentials>& client);
 
     Options options_;
     Log log_;
     SinkFactory sinks_;
     std::atomic<orv::MediaClientDelegate*> delegate_{nullptr};
-    std::mutex mutex_;  // guards: sources_, opening_, retired_, nextId_, closing_
+    std::mutex mutex_;  // guards: sources_, opening_, owners_, perProcess_, retired_, nextId_,
+                        // closing_
     std::map<long long, std::shared_ptr<Source>> sources_;
-    size_t opening_ = 0;  // sources given an id whose file is still being opened
+    size_t opening_ = 0;                  // sources given an id whose file is still being opened
+    std::map<long long, pid_t> owners_;   // the client process of each source that has one
+    std::map<pid_t, size_t> perProcess_;  // sources open or opening, by client process
     std::vector<std::shared_ptr<Source>> retired_;
     long long nextId_ = 1;
     bool closing_ = false;

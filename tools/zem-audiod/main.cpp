@@ -79,6 +79,12 @@ int serve(int argc, char** argv) {
         ->check(CLI::Range(size_t{1}, limits.maxConnections))
         ->type_name("N")
         ->capture_default_str();
+    zem::HostPlayer::Options options;
+    app.add_option("--max-sources-per-process", options.maxSourcesPerProcess,
+                   "sources that one client process may have open at once")
+        ->check(CLI::Range(size_t{1}, options.maxSources))
+        ->type_name("N")
+        ->capture_default_str();
     app.add_flag("-v,--verbose", verbosity,
                  "log more: -v lifecycle, -vv every call and event, -vvv the data path");
     app.footer(kExamples);
@@ -104,7 +110,6 @@ int serve(int argc, char** argv) {
     const int minLevel = verbosity == 0 ? orv::LOG_ERROR : std::max(1, 4 - verbosity);
     auto log = std::make_shared<zem::StderrLogSink>("zem-audiod", minLevel);
     raiseDescriptorLimit(zem::Log(log, "zem-audiod"));
-    zem::HostPlayer::Options options;
     options.sink = *sink;
     options.fast = fast;
     options.log = log;
