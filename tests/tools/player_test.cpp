@@ -1,10 +1,15 @@
 // The reference service's player, driven in-process through a fake client behind the delegate:
 // what reaches the sink, the events and their order, pacing, underruns, files and their errors.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
+#include <sys/stat.h>
 
+#include <atomic>
 #include <cstring>
+#include <future>
 #include <mutex>
+#include <thread>
 
 #include "HostPlayer.h"
 #include "support/Process.h"
@@ -25,6 +30,7 @@ public:
     explicit FakeClient(std::vector<uint8_t> audio = {}, int stallPulls = 0)
         : audio(std::move(audio)), stallPulls(stallPulls) {}
     int getData(uint8_t* buffer, unsigned size, long long) override {
+        if (throwOnData) throw std::runtime_error("malformed buffer");
         std::lock_guard<std::mutex> lock(mutex_);
         if (served_ >= audio.size() / 2 && stallPulls > 0 && stallPulls--) return -1;
         const size_t n = std::min<size_t>({size, 1001, audio.size() - served_});
@@ -45,7 +51,10 @@ public:
         }
     }
     EVENT(onFirstByteRead, "firstByte")
-    EVENT(onPlaybackStarted, "started")
+    void onPlaybackStarted(long long, const MediaPlayerStateV2&) override {
+        record("started");
+        if (throwOnStarted) throw std::runtime_error("event handler failed");
+    }
     EVENT(onPlaybackFinished, "finished")
     EVENT(onPlaybackPaused, "paused")
     EVENT(onPlaybackResumed, "resumed")
@@ -71,6 +80,8 @@ public:
 
     std::vector<uint8_t> audio;
     int stallPulls = 0;
+    bool throwOnData = false;
+    bool throwOnStarted = false;
 
 private:
     std::mutex mutex_;  // guards: served_, stallPulls, events_
@@ -188,6 +199,197 @@ TEST_F(PlayerTest, ShutdownTellsTheClientToStopAndEndsEveryThread) {
     ASSERT_TRUE(client.waitFor("underrun"));
     ASSERT_TRUE(player.shutdown(std::chrono::steady_clock::now() + 10s));
     EXPECT_NE(client.events().find("underrun stopRequested stopped close"), std::string::npos);
+}
+
+TEST_F(PlayerTest, WhatTheClientOrItsEventsThrowFailsOnlyThatSourceOrEvent) {
+    FakeClient throwing(audio);
+    throwing.throwOnData = true;
+    player.setMediaClientDelegate(&throwing);
+    const long long failed = player.setSource(pcm(), "cluster");
+    EXPECT_EQ(player.play(failed), 0);
+    EXPECT_TRUE(throwing.waitFor("close"));
+    EXPECT_EQ(throwing.events(), "error3 close");
+    FakeClient deaf(audio);
+    deaf.throwOnStarted = true;
+    player.setMediaClientDelegate(&deaf);
+    const long long played = player.setSource(pcm(), "cluster");
+    EXPECT_EQ(player.play(played), 0);
+    EXPECT_TRUE(deaf.waitFor("close"));
+    EXPECT_EQ(deaf.events(), "firstByte started complete finished close");
+    player.releaseSource(failed);
+    player.releaseSource(played);
+}
+
+// A client that answers every call just before the service's call deadline, which it would
+// otherwise be disconnected for.
+class SlowClient : public FakeClient {
+public:
+    explicit SlowClient(std::chrono::milliseconds delay) : delay_(delay) {}
+    int getData(uint8_t*, unsigned, long long) override {
+        std::this_thread::sleep_for(delay_);
+        return -1;
+    }
+    void onStopRequested(long long id) override {
+        std::this_thread::sleep_for(delay_);
+        FakeClient::onStopRequested(id);
+    }
+    void onPlaybackStopped(long long, const MediaPlayerStateV2&) override {
+        std::this_thread::sleep_for(delay_);
+        record("stopped");
+    }
+    void closeDataSource(long long id) override {
+        std::this_thread::sleep_for(delay_);
+        FakeClient::closeDataSource(id);
+    }
+
+private:
+    std::chrono::milliseconds delay_;
+};
+
+TEST_F(PlayerTest, ShutdownWaitsOutAClientThatAnswersEveryCallJustBeforeTheDeadline) {
+    const auto deadline = 400ms;
+    SlowClient client(deadline - 20ms);
+    player.setMediaClientDelegate(&client);
+    player.play(player.setSource(pcm(), "cluster"));
+    std::this_thread::sleep_for(50ms);  // the source's thread is in a data request
+    EXPECT_TRUE(player.shutdown(std::chrono::steady_clock::now() + shutdownGrace(deadline)));
+    EXPECT_EQ(client.events(), "stopRequested stopped close");
+}
+
+TEST_F(PlayerTest, FileThatIsSlowToOpenHoldsUpNoOtherSource) {
+    // A FIFO's open blocks until a writer appears: the file system that takes long to open.
+    const std::string fifo = dir.path() + "/slow.wav";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    std::promise<void> opening;
+    HostPlayer::Options slow = options();
+    slow.openFile = [&](const std::string& path, const std::optional<PeerIdentity>& peer,
+                        std::string& error, bool* denied) {
+        opening.set_value();
+        ::close(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        return openReadableBy(path, peer, error, denied);
+    };
+    FakeClient client(audio);  // outlives the player, which still calls it as it goes
+    HostPlayer slowPlayer(slow);
+    slowPlayer.setMediaClientDelegate(&client);
+    const long long other = slowPlayer.setSource(pcm(), "cluster");
+    orv::SourceConfig config;
+    config.type = orv::kSourceTypeUrl;
+    config.setUrl(fifo.c_str());
+    auto slowSource =
+        std::async(std::launch::async, [&] { return slowPlayer.setSource(config, ""); });
+    opening.get_future().wait();
+    std::atomic<bool> answered{false};
+    std::thread other_calls([&] {
+        slowPlayer.getOffset(other);
+        slowPlayer.play(other);
+        answered = true;
+    });
+    EXPECT_TRUE(parlex::test::waitUntil([&] { return answered.load(); }));
+    ::close(::open(fifo.c_str(), O_WRONLY | O_CLOEXEC));  // lets the slow open end
+    other_calls.join();
+    EXPECT_GT(slowSource.get(), 0);  // a source that fails when played: not a regular file
+    EXPECT_TRUE(client.waitFor("close"));
+}
+
+TEST_F(PlayerTest, ClientProcessGetsItsShareOfSourcesAndPlaysOnlyFilesItCouldRead) {
+    static thread_local parlex::PeerCredentials caller{100, 65534, 65534};
+    HostPlayer::Options shared = options();
+    shared.callingPeer = [] { return std::optional<parlex::PeerCredentials>(caller); };
+    FakeClient client(audio);
+    HostPlayer sharedPlayer(shared);
+    sharedPlayer.setMediaClientDelegate(&client);
+    std::vector<long long> ids;
+    for (size_t i = 0; i < shared.maxSourcesPerProcess; ++i) {
+        ids.push_back(sharedPlayer.setSource(pcm(), ""));
+        ASSERT_GT(ids.back(), 0);
+    }
+    EXPECT_EQ(sharedPlayer.setSource(pcm(), ""), 0);
+    caller.pid = 200;
+    EXPECT_GT(sharedPlayer.setSource(pcm(), ""), 0);
+    caller.pid = 100;
+    sharedPlayer.releaseSource(ids.back());
+    EXPECT_GT(sharedPlayer.setSource(pcm(), ""), 0);
+
+    caller.pid = 300;
+    const std::string secret = dir.path() + "/secret.wav";
+    SF_INFO info{4800, 48000, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
+    sf_close(sf_open(secret.c_str(), SFM_WRITE, &info));
+    orv::SourceConfig config;
+    config.type = orv::kSourceTypeUrl;
+    config.setUrl(("file://" + secret).c_str());
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
+    const long long refused = sharedPlayer.setSource(config, "");
+    EXPECT_EQ(sharedPlayer.play(refused), -1);
+    EXPECT_TRUE(client.waitFor("error1"));
+    struct stat written {};
+    EXPECT_NE(::stat((dir.path() + "/out.wav").c_str(), &written), 0);  // nothing reached it
+}
+
+// Files owned by this process's user, checked for synthetic peers: another user, a member of
+// the files' group, and the owner himself.
+TEST(AccessTest, PeerReadsOnlyWhatItsOwnRightsAllowThroughEveryDirectoryAndLink) {
+    parlex::test::PrivateRuntimeDir dir;
+    const std::string base = dir.path();
+    ASSERT_EQ(::chmod(base.c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((base + "/closed").c_str(), 0700), 0);
+    const uid_t me = ::geteuid();
+    const gid_t group = ::getegid();
+    const uid_t stranger = me == 0 ? 1000 : me + 1000;
+    const gid_t otherGroup = group + 1000;
+    const auto make = [&](const std::string& name, mode_t mode) {
+        const std::string path = base + "/" + name;
+        ::close(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        EXPECT_EQ(::chmod(path.c_str(), mode), 0);
+        return path;
+    };
+    const std::string secret = make("secret.wav", 0600);
+    const std::string open = make("open.wav", 0644);
+    const std::string grouped = make("grouped.wav", 0640);
+    const std::string notForOwner = make("others.wav", 0044);
+    const std::string hidden = make("closed/open.wav", 0644);
+    ASSERT_EQ(::symlink(secret.c_str(), (base + "/to-secret").c_str()), 0);
+    ASSERT_EQ(::symlink(open.c_str(), (base + "/to-open").c_str()), 0);
+    const PeerIdentity other{stranger, otherGroup, {}};
+    const PeerIdentity member{stranger, otherGroup, {otherGroup + 1, group}};
+    // As root, the file goes to a synthetic owner, so that root's rights do not hide its bits.
+    const uid_t fileOwner =
+        me == 0 && ::chown(notForOwner.c_str(), stranger, static_cast<gid_t>(-1)) == 0 ? stranger
+                                                                                       : me;
+    const PeerIdentity owner{fileOwner, otherGroup, {}};
+    const struct {
+        std::string path;
+        std::optional<PeerIdentity> peer;
+        bool readable;
+    } cases[] = {
+        {secret, other, false},
+        {secret, PeerIdentity{0, 0, {}}, true},
+        {secret, std::nullopt, true},  // the service itself
+        {open, other, true},
+        {hidden, other, false},
+        {base + "/closed/missing.wav", other, false},
+        {grouped, other, false},
+        {grouped, member, true},
+        {grouped, PeerIdentity{stranger, group, {}}, true},
+        {notForOwner, owner, fileOwner == 0},  // the owner's bits rule the owner
+        {notForOwner, PeerIdentity{stranger + 1, otherGroup, {}}, true},
+        {base + "/to-secret", other, false},
+        {base + "/to-open", other, true},
+    };
+    for (const auto& test : cases) {
+        std::string error;
+        bool denied = false;
+        const int fd = openReadableBy(test.path, test.peer, error, &denied);
+        EXPECT_EQ(fd >= 0, test.readable) << test.path << ": " << error;
+        EXPECT_EQ(denied, !test.readable) << test.path;
+        EXPECT_EQ(error == "permission denied", !test.readable) << test.path << ": " << error;
+        if (fd >= 0) ::close(fd);
+    }
+    const PeerIdentity self = peerIdentity(::getpid(), me, group);
+    std::vector<gid_t> groups(static_cast<size_t>(::getgroups(0, nullptr)));
+    groups.resize(static_cast<size_t>(::getgroups(static_cast<int>(groups.size()), groups.data())));
+    EXPECT_EQ(self.groups, groups);
+    EXPECT_TRUE(peerIdentity(::getpid(), me + 1, group).groups.empty());  // a reused pid
 }
 
 TEST(WavSinkTest, HeaderCarriesTheStreamFormatAndConcurrentSourcesGetTheirOwnFile) {

@@ -1,13 +1,56 @@
 // The programs across processes: the service outlives a client killed mid-playback and keeps
 // serving bit-exact audio at the stream's pace; a second service, and a client without one, fail
-// with their documented exit status; SIGTERM stops the service cleanly.
+// with their documented exit status; SIGTERM stops the service cleanly, and zem-play promptly
+// whatever it waits for; a client of another user plays only the files it could read itself.
 #include <gtest/gtest.h>
+#include <orv/ZEMAudioTrack.h>
+#include <parlex/binder.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 
+#include <atomic>
+#include <future>
+
+#include "Listener.h"
+#include "Log.h"
 #include "support/Process.h"
 
 namespace {
 
 using parlex::test::Process;
+using namespace std::chrono_literals;
+
+const std::string kService = "com.tarnek.zem.parlex";
+
+// A program started through the shell, with its stderr on its stdout; the first line is its pid.
+struct Shell {
+    explicit Shell(const std::string& command)
+        : process({"/bin/sh", "-c", "echo $$; exec " + command + " 2>&1"}),
+          pid(std::stoi(process.readLine().value_or("-1"))) {}
+    Process process;
+    pid_t pid;
+};
+
+int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+// Whether the transport names the client that a server thread works for. The same transport
+// enforces the server's call deadline; checks that need either skip without them.
+bool transportKnowsItsPeers() {
+    parlex::AndroidServer server;
+    std::atomic<bool> known{false};
+    server.registerFactory("probe", [&] {
+        known = parlex::callingPeer().has_value();
+        return std::make_shared<parlex::AndroidImpl>();
+    });
+    server.start("zem.probe");
+    {
+        parlex::AndroidClient client("zem.probe");
+        parlex::AndroidProxy proxy(&client, "probe");
+    }
+    server.stop();
+    return known;
+}
 
 // Runs a program to its end and returns its exit status.
 int run(std::vector<std::string> argv) {
@@ -40,7 +83,119 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
     while (service.readLine()) {
     }
     EXPECT_EQ(service.finish(), 0);
-    EXPECT_EQ(run({ZEM_PLAY_PATH, shortInput}), 3);
+    Shell alone(ZEM_PLAY_PATH " " + shortInput);
+    EXPECT_TRUE(alone.process.readUntil("nothing listens at " + dir.path() + "/" + kService));
+    EXPECT_EQ(exitStatus(alone.process.finish()), 3);
+}
+
+TEST(ServiceTest, ZemPlayEndsPromptlyOnSigtermWhileInitWaitsOrTheServiceStalls) {
+    parlex::test::PrivateRuntimeDir dir;
+    const std::string input = dir.path() + "/long.wav";
+    ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", input, "30"}), 0);
+    {
+        // A service that accepts the connection and never answers it.
+        parlex::transport::UniqueFd silent(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", dir.path().c_str(),
+                      kService.c_str());
+        ASSERT_EQ(::bind(silent.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(::listen(silent.get(), 4), 0);
+        ::setenv("PARLEX_CONNECT_DEADLINE_MS", "60000", 1);
+        Shell client(ZEM_PLAY_PATH " " + input);
+        ::unsetenv("PARLEX_CONNECT_DEADLINE_MS");
+        pollfd connecting{silent.get(), POLLIN, 0};
+        ASSERT_EQ(::poll(&connecting, 1, 10'000), 1);
+        parlex::transport::UniqueFd accepted(
+            ::accept4(silent.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        ::kill(client.pid, SIGTERM);
+        EXPECT_EQ(exitStatus(client.process.finish()), 130);
+        ::unlink(address.sun_path);
+    }
+    Process service({ZEM_AUDIOD_PATH});
+    const std::optional<std::string> ready = service.readLine();
+    ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
+    const pid_t servicePid = std::stoi(ready->substr(ready->find("pid ") + 4));
+    {
+        Shell answered(ZEM_PLAY_PATH " " + input);
+        ASSERT_TRUE(answered.process.readUntil("playback started"));
+        ::kill(answered.pid, SIGTERM);
+        EXPECT_TRUE(answered.process.readUntil("interrupted, stopping"));
+        EXPECT_TRUE(answered.process.readUntil("stopped at"));  // the orderly stop
+        EXPECT_EQ(exitStatus(answered.process.finish()), 130);
+    }
+    Shell stalled(ZEM_PLAY_PATH " " + input);
+    ASSERT_TRUE(stalled.process.readUntil("playback started"));
+    ::kill(servicePid, SIGSTOP);
+    std::this_thread::sleep_for(300ms);  // zem-play's next request now waits for the service
+    ::kill(stalled.pid, SIGTERM);
+    EXPECT_EQ(exitStatus(stalled.process.finish()), 130);
+    ::kill(servicePid, SIGCONT);
+    ::kill(servicePid, SIGTERM);
+    while (service.readLine()) {
+    }
+    EXPECT_EQ(exitStatus(service.finish()), 0);
+}
+
+// A client that never answers a request for audio.
+class StallingListener : public zem::Listener {
+public:
+    StallingListener() : zem::Listener(nullptr) {}
+    int getBuffer(uint8_t*, int) override {
+        asked.store(true);
+        released.wait();
+        return 0;
+    }
+    std::atomic<bool> asked{false};
+    std::shared_future<void> released;
+};
+
+TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsUpNoShutdown) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to run a client as nobody";
+    parlex::test::PrivateRuntimeDir dir;
+    if (!transportKnowsItsPeers()) GTEST_SKIP() << "the transport does not name its clients";
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    ::setenv("PARLEX_SOCKET_MODE", "0666", 1);
+    const std::string secret = dir.path() + "/secret.wav";
+    const std::string open = dir.path() + "/open.wav";
+    ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", secret, "0.3"}), 0);
+    ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", open, "0.3"}), 0);
+    ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
+    ASSERT_EQ(::chmod(open.c_str(), 0644), 0);
+    Process service({ZEM_AUDIOD_PATH, "--call-deadline", "300", "--allow-uid", "65534", "--sink",
+                     "wav:" + dir.path() + "/out-{id}.wav"});
+    const std::optional<std::string> ready = service.readLine();
+    ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
+    const std::string nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+    Shell refused(nobody + ZEM_PLAY_PATH " --url " + secret);
+    EXPECT_TRUE(refused.process.readUntil("playback error 1"));
+    EXPECT_EQ(exitStatus(refused.process.finish()), 1);
+    struct stat written {};
+    EXPECT_NE(::stat((dir.path() + "/out-1.wav").c_str(), &written), 0);  // nothing played
+    EXPECT_EQ(run({"/bin/sh", "-c", nobody + ZEM_PLAY_PATH " --url " + open}), 0);
+
+    std::promise<void> release;
+    auto listener = std::make_shared<StallingListener>();
+    listener->released = release.get_future().share();
+    std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
+    ASSERT_TRUE(track->init(std::shared_ptr<orv::EventListenerV3>(listener),
+                            std::make_shared<zem::StderrLogSink>("test", 6)));
+    orv::ZEMAudioSourceV4 source;
+    source.type = orv::kSourceTypePcm;
+    source.format.sampleRate = 48000;
+    source.format.sampleSizeInBits = 16;
+    source.format.channelNum = 2;
+    source.format.isSigned = true;
+    source.format.layout = 1;
+    ASSERT_GT(track->setSource(source, orv::MediaDescription()), 0);
+    track->play();
+    ASSERT_TRUE(parlex::test::waitUntil([&] { return listener->asked.load(); }));
+    ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
+    while (service.readLine()) {
+    }
+    EXPECT_EQ(exitStatus(service.finish()), 0);
+    release.set_value();
+    ::unsetenv("PARLEX_SOCKET_MODE");
 }
 
 }  // namespace

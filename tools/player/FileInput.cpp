@@ -1,12 +1,8 @@
 #include "FileInput.h"
 
-#include <fcntl.h>
 #include <sndfile.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
+#include "Access.h"
 
 namespace zem {
 
@@ -91,16 +87,12 @@ FileInput::~FileInput() { sf_close(file_); }
 
 std::unique_ptr<FileInput> FileInput::open(const std::string& path, std::string& error,
                                            bool integerSamples) {
-    // Opened without blocking and checked first: a client may name a FIFO or a device, whose
-    // open or read would hold the service's thread forever.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    struct stat status {};
-    if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-        error = fd < 0 ? std::strerror(errno) : "not a regular file";
-        if (fd >= 0) ::close(fd);
-        return nullptr;
-    }
-    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    const int fd = openReadableBy(path, std::nullopt, error);
+    return fd < 0 ? nullptr : fromDescriptor(fd, error, integerSamples);
+}
+
+std::unique_ptr<FileInput> FileInput::fromDescriptor(int fd, std::string& error,
+                                                     bool integerSamples) {
     SF_INFO info{};
     SNDFILE* file = sf_open_fd(fd, SFM_READ, &info, SF_TRUE);
     if (file == nullptr) {  // the descriptor is closed already, as sf_close would

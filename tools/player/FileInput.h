@@ -25,6 +25,10 @@ public:
     // `integerSamples`, float sources come out as 32-bit integers too.
     static std::unique_ptr<FileInput> open(const std::string& path, std::string& error,
                                            bool integerSamples = false);
+    // As open, from a descriptor that openReadableBy returned; takes it over, and closes it on
+    // failure too.
+    static std::unique_ptr<FileInput> fromDescriptor(int fd, std::string& error,
+                                                     bool integerSamples = false);
     ~FileInput();
     FileInput(const FileInput&) = delete;
     FileInput& operator=(const FileInput&) = delete;

@@ -46,22 +46,71 @@ long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*c
     settings.sinks = &sinks_;
     settings.log = &log_;
     settings.fast = options_.fast;
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (closing_ || sources_.size() >= options_.maxSources) {
-        log_(orv::LOG_ERROR, "setSource", "%s", closing_ ? "shutting down" : "too many sources");
-        return 0;
+    // Taken on the thread that runs the client's request; none means the service itself.
+    const std::optional<parlex::PeerCredentials> client = options_.callingPeer();
+    long long id = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (closing_ || sources_.size() + opening_ >= options_.maxSources) {
+            log_(orv::LOG_ERROR, "setSource", "%s",
+                 closing_ ? "shutting down" : "too many sources");
+            return 0;
+        }
+        if (client && perProcess_[client->pid] >= options_.maxSourcesPerProcess) {
+            log_(orv::LOG_ERROR, "setSource", "too many sources for client process %d",
+                 static_cast<int>(client->pid));
+            return 0;
+        }
+        id = nextId_++;
+        ++opening_;  // holds the source's place while its file opens without the lock
+        if (client) {
+            owners_[id] = client->pid;
+            ++perProcess_[client->pid];
+        }
     }
-    const long long id = nextId_++;
+    std::shared_ptr<Source> source;
     try {
-        auto source = std::make_shared<Source>(id, config, settings);
+        source = std::make_shared<Source>(id, config, settings, openFile(id, config, client));
         source->startThread();
-        log_(orv::LOG_LIFECYCLE, "setSource", "source %lld: %s", id, source->describe().c_str());
-        sources_[id] = std::move(source);
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {
         log_(orv::LOG_ERROR, "setSource", "no thread for a new source: %s", error.what());
+        source.reset();
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    --opening_;
+    if (!source || closing_) {
+        forgetOwner(id);
+        if (!source) return 0;
+        // Shutdown began while the file opened: the source never plays.
+        source->release();
+        retired_.push_back(std::move(source));
         return 0;
     }
+    log_(orv::LOG_LIFECYCLE, "setSource", "source %lld: %s", id, source->describe().c_str());
+    sources_[id] = std::move(source);
     return id;
+}
+
+// Opens and parses a URL source's file, as its client may read it. Runs without the table's
+// lock: opening a file may take long (a slow or hung file system), and other clients' calls
+// must not wait for it.
+OpenedFile HostPlayer::openFile(long long id, const orv::SourceConfig& config,
+                                const std::optional<parlex::PeerCredentials>& client) {
+    OpenedFile file;
+    if (config.type != orv::kSourceTypeUrl) return file;
+    std::optional<PeerIdentity> peer;
+    if (client) peer = peerIdentity(client->pid, client->uid, client->gid);
+    const std::optional<std::string> path = pathFromUrl(config.url ? config.url : "", file.error);
+    if (!path) return file;
+    bool denied = false;
+    const int fd = options_.openFile(*path, peer, file.error, &denied);
+    if (denied) {
+        log_(orv::LOG_ERROR, "setSource",
+             "source %lld: refused the URL: its client (pid %d, uid %u) may not read the file", id,
+             static_cast<int>(client->pid), static_cast<unsigned>(client->uid));
+    }
+    if (fd >= 0) file.input = FileInput::fromDescriptor(fd, file.error);
+    return file;
 }
 
 // `call` on the source with this id, without holding the table's lock; `fallback` for an id
@@ -76,6 +125,14 @@ Result HostPlayer::withSource(long long sourceId, Result fallback, Call call) {
         source = it->second;
     }
     return call(*source);
+}
+
+// Called with mutex_ held.
+void HostPlayer::forgetOwner(long long sourceId) {
+    const auto owner = owners_.find(sourceId);
+    if (owner == owners_.end()) return;
+    if (--perProcess_[owner->second] == 0) perProcess_.erase(owner->second);
+    owners_.erase(owner);
 }
 
 // Joins the released sources whose threads have ended, without waiting for the others.
@@ -166,6 +223,7 @@ int HostPlayer::releaseSource(long long sourceId) {
         if (it == sources_.end()) return -1;
         source = std::move(it->second);
         sources_.erase(it);
+        forgetOwner(sourceId);
         source->release();
         retired_.push_back(source);
     }

@@ -8,19 +8,31 @@
 #pragma once
 
 #include <orv/OrvServerHandlerInterface.h>
+#include <parlex/binder.h>
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "Access.h"
 #include "Log.h"
 #include "Sink.h"
 #include "Source.h"
 
 namespace zem {
+
+// How long a shutdown waits for the player threads when every call to a client may take up to
+// `callDeadline`: a source's thread may be in a call when the shutdown starts and then makes
+// three more (stop requested, stopped, the source closed), each of which a client that stalls
+// may answer just before the deadline. A client that misses one is disconnected, and its later
+// calls fail at once.
+constexpr std::chrono::milliseconds shutdownGrace(std::chrono::milliseconds callDeadline) {
+    return 4 * callDeadline + std::chrono::seconds(1);
+}
 
 class HostPlayer : public orv::OrvServerHandlerInterface {
 public:
@@ -29,6 +41,14 @@ public:
         bool fast = false;
         std::shared_ptr<orv::LoggingDelegate> log;
         size_t maxSources = 64;  // open at once, so that one client cannot exhaust the threads
+        // Open at once for one client process, so that one cannot take every source there is.
+        size_t maxSourcesPerProcess = 16;
+        // The client a request comes from; the transport's unless a test replaces it.
+        std::function<std::optional<parlex::PeerCredentials>()> callingPeer = parlex::callingPeer;
+        // Opens a URL source's file for its client; openReadableBy unless a test replaces it.
+        std::function<int(const std::string& path, const std::optional<PeerIdentity>& peer,
+                          std::string& error, bool* denied)>
+            openFile = openReadableBy;
     };
 
     explicit HostPlayer(Options options);
@@ -62,13 +82,20 @@ private:
     template <typename Result, typename Call>
     Result withSource(long long sourceId, Result fallback, Call call);
     void reapEnded();
+    void forgetOwner(long long sourceId);
+    OpenedFile openFile(long long id, const orv::SourceConfig& config,
+                        const std::optional<parlex::PeerCredentials>& client);
 
     Options options_;
     Log log_;
     SinkFactory sinks_;
     std::atomic<orv::MediaClientDelegate*> delegate_{nullptr};
-    std::mutex mutex_;  // guards: sources_, retired_, nextId_, closing_
+    std::mutex mutex_;  // guards: sources_, opening_, owners_, perProcess_, retired_, nextId_,
+                        // closing_
     std::map<long long, std::shared_ptr<Source>> sources_;
+    size_t opening_ = 0;                  // sources given an id whose file is still being opened
+    std::map<long long, pid_t> owners_;   // the client process of each source that has one
+    std::map<pid_t, size_t> perProcess_;  // sources open or opening, by client process
     std::vector<std::shared_ptr<Source>> retired_;
     long long nextId_ = 1;
     bool closing_ = false;

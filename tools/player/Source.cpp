@@ -69,7 +69,8 @@ struct Source::Event {
     std::string text;  // Error: the message
 };
 
-Source::Source(long long id, const orv::SourceConfig& config, const SourceSettings& settings)
+Source::Source(long long id, const orv::SourceConfig& config, const SourceSettings& settings,
+               OpenedFile file)
     : id_(id), pcm_(config.type == orv::kSourceTypePcm), settings_(settings), clock_(1, 0, true) {
     if (pcm_) {
         format_.type = config.sampleFormat == 2 ? SampleType::S32 : SampleType::S16;
@@ -90,9 +91,8 @@ Source::Source(long long id, const orv::SourceConfig& config, const SourceSettin
         formatName_ = "pcm";
         description_ = "pcm " + format_.describe();
     } else {
-        std::string error;
-        const std::optional<std::string> path = pathFromUrl(config.url ? config.url : "", error);
-        if (path) input_ = FileInput::open(*path, error);
+        input_ = std::move(file.input);
+        const std::string& error = file.error;
         if (input_) {
             format_ = input_->format();
             endFrame_ = input_->frames();
@@ -305,6 +305,10 @@ void Source::end(PlayerState state) {
     wake_.notify_all();
 }
 
+void Source::logError(const char* function, const char* text) {
+    if (settings_.log) (*settings_.log)(orv::LOG_ERROR, function, "source %lld: %s", id_, text);
+}
+
 void Source::fail(PlayerError type, const std::string& text, const std::string& logText) {
     if (settings_.log) {
         (*settings_.log)(orv::LOG_ERROR, "play", "source %lld: %s", id_,
@@ -322,7 +326,23 @@ void Source::fail(PlayerError type, const std::string& text, const std::string& 
 
 // --- the source's thread ---
 
+// The last line of defence: whatever escapes the loop ends this source, never the service.
 void Source::run() {
+    try {
+        loop();
+    } catch (const std::exception& error) {
+        logError("run", error.what());
+    } catch (...) {
+        logError("run", "unknown exception");
+    }
+    std::unique_ptr<Sink> sink;
+    std::lock_guard<std::mutex> lock(mutex_);
+    sink = std::move(sink_);  // closed after the lock is released
+    threadEnded_ = true;
+    wake_.notify_all();
+}
+
+void Source::loop() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!released_) {
         if (sink_ && (ended() || closing_)) {
@@ -337,7 +357,12 @@ void Source::run() {
             const Event event = outbox_.front();
             outbox_.pop_front();
             lock.unlock();
-            emit(event);
+            try {
+                emit(event);
+            } catch (const std::exception& error) {
+                // The client misses this event; the source goes on.
+                logError("emit", error.what());
+            }
             lock.lock();
             continue;
         }
@@ -348,13 +373,6 @@ void Source::run() {
         }
         step(lock);
     }
-    if (sink_) {
-        lock.unlock();
-        sink_.reset();
-        lock.lock();
-    }
-    threadEnded_ = true;
-    wake_.notify_all();
 }
 
 // One move of a playing source: open the sink, finish, write, pull, or wait for the time to.
@@ -371,7 +389,12 @@ void Source::step(std::unique_lock<std::mutex>& lock) {
         std::string where;
         std::string error;
         lock.unlock();
-        std::unique_ptr<Sink> sink = settings_.sinks->open(id_, format_, where, error);
+        std::unique_ptr<Sink> sink;
+        try {
+            sink = settings_.sinks->open(id_, format_, where, error);
+        } catch (const std::exception& failure) {
+            error = failure.what();
+        }
         lock.lock();
         if (!sink) return fail(kErrorOutput, error);
         sink_ = std::move(sink);
@@ -410,15 +433,26 @@ void Source::pull(std::unique_lock<std::mutex>& lock) {
     const size_t wanted = static_cast<size_t>(frames) * frameBytes - pending_.size();
     long got = 0;
     std::string error;
+    bool threw = false;
     lock.unlock();
-    if (input_) {
-        got = input_->read(pullBuffer_.data(), static_cast<size_t>(frames), error);
-        if (got > 0) got *= static_cast<long>(frameBytes);
-    } else if (settings_.delegate) {
-        got = settings_.delegate->getData(pullBuffer_.data(), static_cast<unsigned>(wanted), id_);
+    try {
+        if (input_) {
+            got = input_->read(pullBuffer_.data(), static_cast<size_t>(frames), error);
+            if (got > 0) got *= static_cast<long>(frameBytes);
+        } else if (settings_.delegate) {
+            got =
+                settings_.delegate->getData(pullBuffer_.data(), static_cast<unsigned>(wanted), id_);
+        }
+    } catch (const std::exception& failure) {
+        threw = true;
+        error = failure.what();
     }
     lock.lock();
     ++pulls_;
+    if (threw && !ended()) {
+        return fail(kErrorDecode, input_ ? "decoding failed: " + error
+                                         : "the client's audio could not be read: " + error);
+    }
     if (generation != generation_) return;
     const auto now = Clock::now();
     if (got < 0 && input_) {
@@ -465,7 +499,12 @@ void Source::writePending(std::unique_lock<std::mutex>& lock) {
     const uint64_t generation = generation_;
     std::string error;
     lock.unlock();
-    const bool written = sink_->write(pending_.data(), frames, error);
+    bool written = false;
+    try {
+        written = sink_->write(pending_.data(), frames, error);
+    } catch (const std::exception& failure) {
+        error = failure.what();
+    }
     lock.lock();
     if (generation != generation_) return;
     pending_.erase(pending_.begin(), pending_.begin() + static_cast<long>(bytes));

@@ -69,9 +69,16 @@ struct SourceSettings {
     std::chrono::milliseconds endAfterDry{1000};
 };
 
+// A URL source's file, opened before its source is made: the input, or why there is none.
+struct OpenedFile {
+    std::unique_ptr<FileInput> input;
+    std::string error;
+};
+
 class Source {
 public:
-    Source(long long id, const orv::SourceConfig& config, const SourceSettings& settings);
+    Source(long long id, const orv::SourceConfig& config, const SourceSettings& settings,
+           OpenedFile file = {});
     ~Source();
     Source(const Source&) = delete;
     Source& operator=(const Source&) = delete;
@@ -107,11 +114,13 @@ private:
     struct Event;
 
     void run();
+    void loop();
     void step(std::unique_lock<std::mutex>& lock);
     void writePending(std::unique_lock<std::mutex>& lock);
     void pull(std::unique_lock<std::mutex>& lock);
     void received(const uint8_t* data, size_t size);
     void resumeLocked();
+    void logError(const char* function, const char* text);
     void fail(PlayerError type, const std::string& text, const std::string& logText = "");
     void end(PlayerState state);
     void emit(const Event& event);

@@ -4,12 +4,14 @@
 #include <orv/ZEMAudioServer.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <vector>
 
 #include "CommandLine.h"
 #include "HostPlayer.h"
@@ -17,33 +19,72 @@
 
 namespace {
 
-constexpr auto kShutdownGrace = std::chrono::seconds(5);
-
 const char kExamples[] = R"(Examples:
   zem-audiod                          play nothing, just serve (sink none)
   zem-audiod --sink wav:/tmp/out.wav  write what each source plays to /tmp/out.wav
   zem-audiod --sink 'wav:/tmp/src-{id}.wav' --fast -v
                                       one file per source; PCM as fast as clients supply
   zem-audiod --sink alsa:default      play on the sound card (alsa:null for no hardware)
+  zem-audiod --allow-uid 1001 --call-deadline 500
+                                      let user 1001 in too; drop a client that takes 0.5 s
 
 The service is found through $PARLEX_RUNTIME_DIR (else $XDG_RUNTIME_DIR/parlex, else
-/tmp/parlex-<uid>): start clients with the same value.
+/tmp/parlex-<uid>): start clients with the same value. To let other users in, give the socket
+a mode that lets them connect ($PARLEX_SOCKET_MODE, in a directory they can enter) and name
+their uids with --allow-uid. A client plays only files that it could read itself.
 
 Exit status: 0 stopped cleanly, 1 could not start or stop cleanly, 2 bad usage.)";
 
-}  // namespace
+// Every client track is a connection holding descriptors in the service: the soft limit's usual
+// 1024 would cap the clients long before the transport's own limits do.
+void raiseDescriptorLimit(const zem::Log& log) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = limit.rlim_max;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        log(orv::LOG_LIFECYCLE, "main", "descriptor limit raised from %llu to %llu",
+            static_cast<unsigned long long>(before),
+            static_cast<unsigned long long>(limit.rlim_cur));
+    }
+}
 
-int main(int argc, char** argv) {
+int serve(int argc, char** argv) {
     CLI::App app{"zem-audiod: the reference audio service: plays the sources of every client"};
     std::string sinkText = "none";
     bool fast = false;
     int verbosity = 0;
+    parlex::ServerLimits limits;
+    int callDeadlineMs = static_cast<int>(limits.callDeadline.count());
+    std::vector<uid_t> allowedUids;
     app.add_option("--sink", sinkText, "where audio goes: none, wav:PATH or alsa:DEVICE")
         ->type_name("SINK")
         ->capture_default_str();
     app.add_flag("--fast", fast,
                  "pull PCM sources as fast as clients supply, not in real time (files always "
                  "play in real time)");
+    app.add_option("--call-deadline", callDeadlineMs,
+                   "how long a client may take to answer a request for audio or an event before "
+                   "it is disconnected, in ms")
+        ->check(CLI::Range(1, 3'600'000))
+        ->type_name("MS")
+        ->capture_default_str();
+    app.add_option("--allow-uid", allowedUids,
+                   "a user that may connect (repeatable; default: the service's own user and "
+                   "root)")
+        ->type_name("UID")
+        ->take_all();
+    app.add_option("--max-connections-per-process", limits.maxConnectionsPerProcess,
+                   "connections (one per track) that one client process may hold at once")
+        ->check(CLI::Range(size_t{1}, limits.maxConnections))
+        ->type_name("N")
+        ->capture_default_str();
+    zem::HostPlayer::Options options;
+    app.add_option("--max-sources-per-process", options.maxSourcesPerProcess,
+                   "sources that one client process may have open at once")
+        ->check(CLI::Range(size_t{1}, options.maxSources))
+        ->type_name("N")
+        ->capture_default_str();
     app.add_flag("-v,--verbose", verbosity,
                  "log more: -v lifecycle, -vv every call and event, -vvv the data path");
     app.footer(kExamples);
@@ -54,6 +95,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "zem-audiod: --sink: %s\n", error.c_str());
         return 2;
     }
+    limits.callDeadline = std::chrono::milliseconds(callDeadlineMs);
+    limits.allowedUids = allowedUids;
 
     // Blocked before any thread starts, so that every thread inherits the mask and the
     // signals reach only sigwait below.
@@ -66,14 +109,14 @@ int main(int argc, char** argv) {
 
     const int minLevel = verbosity == 0 ? orv::LOG_ERROR : std::max(1, 4 - verbosity);
     auto log = std::make_shared<zem::StderrLogSink>("zem-audiod", minLevel);
-    zem::HostPlayer::Options options;
+    raiseDescriptorLimit(zem::Log(log, "zem-audiod"));
     options.sink = *sink;
     options.fast = fast;
     options.log = log;
     auto player = std::make_shared<zem::HostPlayer>(options);
     std::unique_ptr<orv::ZEMAudioServer> server;
     try {
-        server = std::make_unique<orv::ZEMAudioServer>(player, log);
+        server = std::make_unique<orv::ZEMAudioServer>(player, log, limits);
     } catch (const std::exception& failure) {
         std::fprintf(stderr,
                      "zem-audiod: cannot publish the audio service: %s\n"
@@ -90,9 +133,10 @@ int main(int argc, char** argv) {
     sigwait(&signals, &received);
     std::printf("zem-audiod: %s, stopping\n", received == SIGINT ? "interrupted" : "terminated");
     std::fflush(stdout);
-    if (!player->shutdown(std::chrono::steady_clock::now() + kShutdownGrace)) {
-        // A player thread is stuck in a client's data request: the server cannot be deleted
-        // under it, so leave without the orderly teardown.
+    const auto grace = zem::shutdownGrace(limits.callDeadline);
+    if (!player->shutdown(std::chrono::steady_clock::now() + grace)) {
+        // A player thread is still in a call to a client past every deadline: the server
+        // cannot be deleted under it, so leave without the orderly teardown.
         std::fprintf(stderr, "zem-audiod: a client does not answer; exiting without cleanup\n");
         std::fflush(nullptr);
         std::_Exit(1);
@@ -100,4 +144,18 @@ int main(int argc, char** argv) {
     server.reset();
     std::printf("zem-audiod: stopped\n");
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return serve(argc, argv);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "zem-audiod: unexpected failure: %s\n", failure.what());
+    } catch (...) {
+        std::fprintf(stderr, "zem-audiod: unexpected failure\n");
+    }
+    std::fflush(nullptr);
+    std::_Exit(1);
 }

@@ -1,6 +1,35 @@
 #include "Listener.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
 namespace zem {
+
+// Runs a listener callback's body. The callbacks run on the library's threads, where nothing
+// may escape: whatever `body` throws is reported on stderr and the callback returns.
+template <typename Body>
+void Listener::guard(const char* callback, Body body) noexcept {
+    try {
+        body();
+    } catch (const std::exception& error) {
+        report(callback, error.what());
+    } catch (...) {
+        report(callback, "unknown exception");
+    }
+}
+
+void Listener::report(const char* callback, const char* what) noexcept {
+    char line[256];
+    const int length =
+        std::snprintf(line, sizeof line, "zem-play: %s failed: %s\n", callback, what);
+    if (length > 0) {
+        const size_t size = std::min(static_cast<size_t>(length), sizeof line - 1);
+        if (::write(STDERR_FILENO, line, size) < 0) {
+        }
+    }
+}
 
 void Listener::push(PlayEvent event) {
     {
@@ -25,29 +54,42 @@ void Listener::at(PlayEvent::Kind kind, const char* what, const orv::MediaPlayer
           ""});
 }
 
-int Listener::getBuffer(uint8_t* buffer, int size) { return feed_ ? feed_->fill(buffer, size) : 0; }
+int Listener::getBuffer(uint8_t* buffer, int size) {
+    int filled = 0;
+    guard("getBuffer", [&] { filled = feed_ ? feed_->fill(buffer, size) : 0; });
+    return filled;
+}
 
 void Listener::closeAudioSource() {
-    push({PlayEvent::Note, 0, "the service closed the source", ""});
+    guard("closeAudioSource", [&] {
+        push({PlayEvent::Note, 0, "the service closed the source", ""});
+    });
 }
 
 void Listener::onStopRequested(long long) {
-    push({PlayEvent::StopRequested, 0, "the audio service asks to stop: it is shutting down", ""});
+    guard("onStopRequested", [&] {
+        push({PlayEvent::StopRequested, 0, "the audio service asks to stop: it is shutting down",
+              ""});
+    });
 }
 
 void Listener::onReportMetric(const char* first, const char* second) {
-    push({PlayEvent::Note, 0,
-          std::string("metric ") + (first ? first : "") + " = " + (second ? second : ""), ""});
+    guard("onReportMetric", [&] {
+        push({PlayEvent::Note, 0,
+              std::string("metric ") + (first ? first : "") + " = " + (second ? second : ""), ""});
+    });
 }
 
 void Listener::onServerDeath() {
-    push({PlayEvent::Death, 0, "the audio service went away during playback", ""});
+    guard("onServerDeath", [&] {
+        push({PlayEvent::Death, 0, "the audio service went away during playback", ""});
+    });
 }
 
 // The events that only report what happened, and where.
 #define POSITION_EVENT(name, kind, what)                                   \
     void Listener::name(long long, const orv::MediaPlayerStateV2& state) { \
-        at(PlayEvent::kind, what, state);                                  \
+        guard(#name, [&] { at(PlayEvent::kind, what, state); });           \
     }
 POSITION_EVENT(onFirstByteRead, Note, "first byte read")
 POSITION_EVENT(onPlaybackStarted, Started, "playback started")
@@ -62,14 +104,20 @@ POSITION_EVENT(onBufferingComplete, Note, "buffering complete")
 
 void Listener::onPlaybackError(long long, orv::ErrorType type, const char* error,
                                const orv::MediaPlayerStateV2& state) {
-    push({PlayEvent::Error, state.offsetMs,
-          "playback error " + std::to_string(type) + " at " + std::to_string(state.offsetMs) +
-              " ms: " + (error ? error : "(no text)"),
-          ""});
+    guard("onPlaybackError", [&] {
+        push({PlayEvent::Error, state.offsetMs,
+              "playback error " + std::to_string(type) + " at " + std::to_string(state.offsetMs) +
+                  " ms: " + (error ? error : "(no text)"),
+              ""});
+    });
 }
 
 void Listener::onStreamMetadataExtracted(long long, const orv::MediaPlayerStateV2&,
                                          const orv::MetadataKeyValuePairs& metadata) {
+    guard("onStreamMetadataExtracted", [&] { pushMetadata(metadata); });
+}
+
+void Listener::pushMetadata(const orv::MetadataKeyValuePairs& metadata) {
     PlayEvent event{PlayEvent::Metadata, 0, "metadata:", ""};
     const uint32_t count = std::min(metadata.count, orv::MetadataKeyValuePairs::kCapacity);
     for (uint32_t i = 0; i < count; ++i) {
@@ -83,10 +131,12 @@ void Listener::onStreamMetadataExtracted(long long, const orv::MediaPlayerStateV
 
 void Listener::onSeeked(long long, const orv::MediaPlayerStateV2& before,
                         const orv::MediaPlayerStateV2& after) {
-    push({PlayEvent::Note, after.offsetMs,
-          "seeked from " + std::to_string(before.offsetMs) + " ms to " +
-              std::to_string(after.offsetMs) + " ms",
-          ""});
+    guard("onSeeked", [&] {
+        push({PlayEvent::Note, after.offsetMs,
+              "seeked from " + std::to_string(before.offsetMs) + " ms to " +
+                  std::to_string(after.offsetMs) + " ms",
+              ""});
+    });
 }
 
 void Listener::onLicenseAvailable(long long) {}

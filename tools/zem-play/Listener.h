@@ -70,6 +70,10 @@ public:
     void onFirstDataSegmentAvailable(long long sourceId) override;
 
 private:
+    template <typename Body>
+    void guard(const char* callback, Body body) noexcept;
+    static void report(const char* callback, const char* what) noexcept;
+    void pushMetadata(const orv::MetadataKeyValuePairs& metadata);
     void at(PlayEvent::Kind kind, const char* what, const orv::MediaPlayerStateV2& state);
 
     PcmFeed* feed_;     // null for a URL source

@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +16,7 @@
 #include <thread>
 
 #include "CommandLine.h"
+#include "ConnectFailure.h"
 #include "FileInput.h"
 #include "Listener.h"
 #include "Log.h"
@@ -24,6 +27,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+
+// How long zem-play waits, after SIGINT or SIGTERM, for the service to confirm the stop.
+constexpr std::chrono::milliseconds kInterruptGrace{1000};
 
 enum ExitCode {
     kFinished = 0,
@@ -46,7 +52,8 @@ Exit status:
   1    playback failed: the file cannot be played, the service reported an error, stopped the
        playback or went away, or the audio it received differs from the audio supplied
   2    bad usage
-  3    the audio service is not running
+  3    the audio service cannot be reached: not running, permission denied on its socket,
+       the connection refused, or no answer
   130  interrupted (SIGINT or SIGTERM): the playback was stopped)";
 
 struct Options {
@@ -107,26 +114,55 @@ double peakDb(zem::FileInput* meter, int64_t frame) {
 }
 
 // Takes SIGINT and SIGTERM (blocked in every thread) on a thread of its own and reports each
-// through `onSignal`; SIGUSR1 ends it.
+// through `onSignal`; SIGUSR1 ends it. The main thread may be blocked in a call into the library
+// that does not return (a service that does not answer), so the first signal also arms a
+// watchdog: when zem-play has not ended `grace` later, or a second signal comes, it leaves at
+// once with the interrupted status.
 class SignalWatcher {
 public:
-    explicit SignalWatcher(std::function<void()> onSignal)
-        : thread_([onSignal = std::move(onSignal)] {
-              sigset_t signals;
-              sigemptyset(&signals);
-              sigaddset(&signals, SIGINT);
-              sigaddset(&signals, SIGTERM);
-              sigaddset(&signals, SIGUSR1);
-              for (int received = 0; sigwait(&signals, &received) == 0 && received != SIGUSR1;) {
-                  onSignal();
-              }
-          }) {}
+    SignalWatcher(std::function<void()> onSignal, std::chrono::milliseconds grace)
+        : thread_([this, onSignal = std::move(onSignal), grace] { watch(onSignal, grace); }) {}
     ~SignalWatcher() {
         pthread_kill(thread_.native_handle(), SIGUSR1);
         thread_.join();
     }
+    bool interrupted() const { return interrupted_; }
 
 private:
+    void watch(const std::function<void()>& onSignal, std::chrono::milliseconds grace) {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGINT);
+        sigaddset(&signals, SIGTERM);
+        sigaddset(&signals, SIGUSR1);
+        int received = 0;
+        while (sigwait(&signals, &received) != 0) {
+        }
+        if (received == SIGUSR1) return;
+        interrupted_ = true;
+        try {
+            onSignal();
+        } catch (...) {  // the watchdog below still ends the process
+        }
+        const auto deadline = Clock::now() + grace;
+        for (;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                std::max(deadline - Clock::now(), Clock::duration::zero()));
+            const timespec wait{static_cast<time_t>(left.count() / 1'000'000'000),
+                                static_cast<long>(left.count() % 1'000'000'000)};
+            received = sigtimedwait(&signals, nullptr, &wait);
+            if (received == SIGUSR1) return;
+            if (received >= 0 || errno != EINTR) break;  // a second signal, or the time is up
+        }
+        static const char kGone[] =
+            "\nzem-play: interrupted; the audio service does not answer, leaving without "
+            "stopping the playback\n";
+        if (::write(STDERR_FILENO, kGone, sizeof kGone - 1) < 0) {
+        }
+        std::_Exit(kInterrupted);
+    }
+
+    std::atomic<bool> interrupted_{false};
     std::thread thread_;
 };
 
@@ -197,15 +233,20 @@ int play(const Options& options) {
     }
 
     auto listener = std::make_shared<zem::Listener>(feed.get());
-    SignalWatcher signals([listener] { listener->push({zem::PlayEvent::Interrupted, 0, "", ""}); });
+    SignalWatcher signals(
+        [listener] {
+            listener->push({zem::PlayEvent::Interrupted, 0, "", ""});
+        },
+        kInterruptGrace);
     const int verbosity = options.verbosity;
     const int minLevel = verbosity == 0 ? 6 : verbosity == 1 ? 5 : std::max(1, 5 - verbosity);
-    auto logger = std::make_shared<zem::StderrLogSink>("zem-play", minLevel);
+    auto logger = std::make_shared<zem::ConnectFailureRecorder>(
+        std::make_shared<zem::StderrLogSink>("zem-play", minLevel));
     std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
     if (!track->init(std::shared_ptr<orv::EventListenerV3>(listener), logger)) {
-        std::fprintf(stderr,
-                     "zem-play: cannot reach the audio service. Is it running? Start it with "
-                     "`zem-audiod &` (with the same PARLEX_RUNTIME_DIR) and try again.\n");
+        if (signals.interrupted()) return kInterrupted;
+        std::fprintf(stderr, "zem-play: %s\n",
+                     zem::ConnectFailure::parse(logger->last()).explain().c_str());
         return kNoService;
     }
 
@@ -392,5 +433,13 @@ int main(int argc, char** argv) {
     sigaddset(&signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    return play(options);
+    try {
+        return play(options);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "zem-play: unexpected failure: %s\n", failure.what());
+    } catch (...) {
+        std::fprintf(stderr, "zem-play: unexpected failure\n");
+    }
+    std::fflush(nullptr);
+    std::_Exit(kPlaybackFailed);
 }
