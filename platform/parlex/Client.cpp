@@ -279,7 +279,11 @@ private:
         }
         Frame frame;
         std::string error;
-        if (recvFrame(socket, frame, error) == RecvStatus::Ok) {
+        RecvStatus status = recvFrame(socket, frame, error);
+        // A service that closed before it read our greeting leaves a reset in front of the
+        // reason it sent; the reset reads once, then what was queued (or the end) comes.
+        if (status == RecvStatus::Closed) status = recvFrame(socket, frame, error);
+        if (status == RecvStatus::Ok) {
             if (frame.kind == FrameKind::HelloAck && frame.txn == 1 && frame.fds.empty()) return;
             if (frame.kind == FrameKind::Error) {
                 // The reason is the service's text: shown as one line of printable characters.
