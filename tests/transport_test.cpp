@@ -108,6 +108,8 @@ std::vector<std::string> failedCallouts() {
     std::lock_guard<std::mutex> lock(calloutsMutex);
     return calloutFailures;
 }
+// On whose behalf each served object was released: a pid, or "nobody".
+std::vector<std::string> releasedFor;  // guards: calloutsMutex
 
 // An object that the test process serves. It counts its live instances so that tests can watch
 // the transport release them, calls back to its client on request, and can send events from a
@@ -158,6 +160,9 @@ public:
             worker_.join();
             EXPECT_EQ(ended_, "dead_object") << "what ended the events of a gone client";
         }
+        const auto peer = callingPeer();
+        std::lock_guard<std::mutex> lock(calloutsMutex);
+        releasedFor.push_back(peer ? std::to_string(peer->pid) : "nobody");
         --alive_;
     }
 
@@ -200,6 +205,7 @@ protected:
         {
             std::lock_guard<std::mutex> lock(calloutsMutex);
             calloutFailures.clear();
+            releasedFor.clear();
         }
         setLogHandler(
             [](const std::string& line) { logged.logMessage(orv::LOG_ERROR, "", line.c_str()); });
@@ -679,6 +685,10 @@ TEST_F(TransportTest, DroppedProxiesAndGoneClientsReleaseTheirObjectsAndDescript
     // The remaining proxy outlives its client, and must still be destroyed safely later.
     local.reset();
     EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; }));
+    // A release that the client asked for runs on its behalf; the transport's, on nobody's.
+    std::lock_guard<std::mutex> lock(calloutsMutex);
+    EXPECT_THAT(releasedFor,
+                ::testing::ElementsAre(std::to_string(::getpid()), "nobody", "nobody"));
 }
 
 // How a peer process is named in the server's log lines.
