@@ -822,6 +822,22 @@ TEST_F(TransportTest, OnlyAllowedUsersGetInAndOthersLearnWhy) {
     EXPECT_THAT(attempt(allowed), ElementsAre("connected 1"));
 }
 
+// A server that cannot start a thread for a new client refuses it, says so, and keeps serving
+// the clients it has (the peer runs as another user, whom the limit of threads binds).
+TEST_F(TransportTest, ServerOutOfThreadsRefusesANewClientAndKeepsServing) {
+    if (::geteuid() != 0) GTEST_SKIP() << "running a peer as another user needs root";
+    ASSERT_EQ(::chmod(runtimeDir_.path().c_str(), 0777), 0);
+    startPeer({"server", kService}, nullptr, std::optional<uid_t>(65534));
+    AndroidClient client(kService);
+    AndroidProxy echo(&client, "Echo");
+    ASSERT_EQ(echo.call("limitThreads", true).as<int>(), 0);
+    const std::string refused = errorOf([] { AndroidClient refused(kService); });
+    ASSERT_EQ(echo.call("limitThreads", false).as<int>(), 0);
+    EXPECT_THAT(refused, HasSubstr("refused the connection"));
+    EXPECT_EQ(echo.call("logged", std::string("no thread left for a client")).as<int>(), 1);
+    EXPECT_TRUE(serves("Echo"));
+}
+
 // Sets $PARLEX_CONNECT_DEADLINE_MS for the life of a test.
 class ConnectDeadline {
 public:

@@ -667,8 +667,10 @@ void prepareRuntimeDir(const std::string& dir) {
 // Lets the process hold the descriptors that the caps may ask for (two per connection), up to
 // the hard limit: the usual soft limit of 1024 would run out long before maxConnections.
 void raiseDescriptorLimit(const ServerLimits& limits) {
-    const rlim_t wanted =
-        static_cast<rlim_t>(2 * (limits.maxConnections + limits.maxPendingGreetings) + 256);
+    // Caps beyond what any system grants ask for all there is, without wrapping.
+    const size_t connections = std::min<size_t>(limits.maxConnections, 1 << 24) +
+                               std::min<size_t>(limits.maxPendingGreetings, 1 << 24);
+    const rlim_t wanted = static_cast<rlim_t>(2 * connections + 256);
     rlimit current{};
     if (::getrlimit(RLIMIT_NOFILE, &current) != 0 || current.rlim_cur >= wanted) return;
     rlimit raised = current;

@@ -95,6 +95,14 @@ public:
             const rlimit lowered{static_cast<rlim_t>(lowestFree), saved.rlim_max};
             return ::setrlimit(RLIMIT_NOFILE, lower ? &lowered : &saved);
         });
+        // Lowers the soft limit of this user's processes and threads so that no thread can be
+        // started (a server run as root is not held to it), or puts it back.
+        bind("limitThreads", [](bool lower) {
+            static rlimit saved{};
+            if (lower) ::getrlimit(RLIMIT_NPROC, &saved);
+            const rlimit lowered{1, saved.rlim_max};
+            return ::setrlimit(RLIMIT_NPROC, lower ? &lowered : &saved);
+        });
         // The client's answer to "getBuffer", passed back in the reply.
         bind("pull",
              [this](int bytes) { return callback("getBuffer", bytes).as<AndroidBuffer>(); });
