@@ -464,10 +464,11 @@ private:
             }
         }
         if (!connection) {
-            // The client reads the reason before it finds the connection closed.
+            // Logged first, so that the line is there once the client knows. The client reads
+            // the reason before it finds the connection closed.
+            if (log) logLine(refusal.line);
             sendFrame(client.get(), FrameKind::Error, 0, refusal.reason.data(),
                       refusal.reason.size(), {});
-            if (log) logLine(refusal.line);
             return true;
         }
         try {
