@@ -298,7 +298,9 @@ public:
         bool log = false;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (connection.stage != ServerConnection::Stage::Pending) return refusal;
+            if (connection.stage != ServerConnection::Stage::Pending) {
+                return {"closing", "the connection is closing", {}};
+            }
             pending_.remove(peer.pid);
             if (greeted_.total() >= limits_.maxConnections) {
                 const std::string cap = std::to_string(limits_.maxConnections);
