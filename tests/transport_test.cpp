@@ -753,10 +753,15 @@ TEST_F(TransportTest, CapsRefuseWithTheirReasonAndOneLineWhileOtherProcessesStil
                              "(maxObjectsPerConnection); refusing more"),
                   1u);
     }
+    // The server counts a client gone once it has released the client's objects.
+    const auto onlyGreedyLeft = [&] { return server.alive() == 3; };
+    EXPECT_TRUE(waitUntil(onlyGreedyLeft));
 
     {
         AndroidClient fourth(kService);
         AndroidClient fifth(kService);
+        const AndroidProxy held(&fourth, "Counted");
+        const AndroidProxy alsoHeld(&fifth, "Counted");
         said.clear();
         Process& late = startPeer({"clients", kService, "Counted", "1", "0"}, &said);
         EXPECT_THAT(said, ElementsAre("connected 0", "refused " + refusedBy() +
@@ -767,6 +772,7 @@ TEST_F(TransportTest, CapsRefuseWithTheirReasonAndOneLineWhileOtherProcessesStil
                              described(late.pid())),
                   1u);
     }
+    EXPECT_TRUE(waitUntil(onlyGreedyLeft));
 
     // Two connections of this process that do not greet are all it may have waiting; a client of
     // another process still gets in, and its connections that wait fill the server's share.

@@ -481,8 +481,8 @@ private:
                 connections_.erase(std::find(connections_.begin(), connections_.end(), connection));
             }
             leave(*connection);
-            connection->close();
             logLine("parlex: no thread left for a client of " + describe(peer) + "; disconnecting");
+            connection->close();
         }
         return true;
     }
