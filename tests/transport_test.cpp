@@ -97,6 +97,20 @@ bool settles(std::future<T>& outcome) {
     return ::testing::AssertionSuccess();
 }
 
+// What the served objects' calls to their clients raised, in order.
+std::mutex calloutsMutex;
+std::vector<std::string> calloutFailures;  // guards: calloutsMutex
+void calloutFailed(const std::string& failure) {
+    std::lock_guard<std::mutex> lock(calloutsMutex);
+    calloutFailures.push_back(failure);
+}
+std::vector<std::string> failedCallouts() {
+    std::lock_guard<std::mutex> lock(calloutsMutex);
+    return calloutFailures;
+}
+// On whose behalf each served object was released: a pid, or "nobody".
+std::vector<std::string> releasedFor;  // guards: calloutsMutex
+
 // An object that the test process serves. It counts its live instances so that tests can watch
 // the transport release them, calls back to its client on request, and can send events from a
 // thread of its own that its destructor joins, as the server's track objects do.
@@ -105,8 +119,33 @@ public:
     explicit Counted(std::atomic<int>& alive) : alive_(alive) {
         ++alive_;
         bind("echoInt", [](int value) { return value; });
-        bind("pull",
-             [this](int bytes) { return callback("getBuffer", bytes).as<AndroidBuffer>(); });
+        bind("echoString", [](std::string value) { return value; });
+        bind("pull", [this](int bytes) {
+            AndroidBuffer buffer;
+            const std::string failure =
+                errorOf([&] { buffer = callback("getBuffer", bytes).as<AndroidBuffer>(); });
+            if (!failure.empty()) calloutFailed(failure);
+            if (!failure.empty()) throw std::runtime_error(failure);
+            return buffer;
+        });
+        // Events sent all at once, each waited for only once all have gone: more than a client
+        // that does not read can take.
+        bind("flood", [this] {
+            std::vector<std::future<AndroidParcel>> sent;
+            for (int i = 0; i < 20; ++i) {
+                auto parcel = std::make_unique<AndroidParcel>();
+                parcel->write(objectId());
+                parcel->write(std::string("tick"));
+                parcel->write(std::string(60000, 'f'));
+                sent.push_back(send(std::move(parcel)));
+            }
+            std::string failure;
+            for (auto& event : sent) {
+                const std::string raised = errorOf([&] { event.get(); });
+                if (failure.empty()) failure = raised;
+            }
+            calloutFailed(failure);
+        });
         bind("startTicking", [this] {
             worker_ = std::thread([this] {
                 while ((ended_ = errorOf([this] { event("tick", 0); })).empty()) continue;
@@ -121,6 +160,9 @@ public:
             worker_.join();
             EXPECT_EQ(ended_, "dead_object") << "what ended the events of a gone client";
         }
+        const auto peer = callingPeer();
+        std::lock_guard<std::mutex> lock(calloutsMutex);
+        releasedFor.push_back(peer ? std::to_string(peer->pid) : "nobody");
         --alive_;
     }
 
@@ -132,14 +174,14 @@ private:
 
 class CountedServer : public AndroidServer {
 public:
-    explicit CountedServer(const std::string& service) {
+    explicit CountedServer(const std::string& service, const ServerLimits& limits = {}) {
         registerFactory("Counted", [this] {
             auto object = std::make_shared<Counted>(alive_);
             std::lock_guard<std::mutex> lock(mutex_);
             made_.push_back(object);
             return object;
         });
-        start(service);
+        start(service, limits);
     }
     ~CountedServer() { stop(); }  // while the counter still exists
 
@@ -160,6 +202,11 @@ class TransportTest : public ::testing::Test {
 protected:
     TransportTest() {
         logged.clear();
+        {
+            std::lock_guard<std::mutex> lock(calloutsMutex);
+            calloutFailures.clear();
+            releasedFor.clear();
+        }
         setLogHandler(
             [](const std::string& line) { logged.logMessage(orv::LOG_ERROR, "", line.c_str()); });
         ::alarm(60);
@@ -180,12 +227,20 @@ protected:
         }
     }
 
-    Process& startPeer(const std::vector<std::string>& args) {
+    // Starts the peer (as user `uid` when given) and waits for its "ready"; what it says before
+    // goes to `said`.
+    Process& startPeer(const std::vector<std::string>& args,
+                       std::vector<std::string>* said = nullptr,
+                       std::optional<uid_t> uid = std::nullopt) {
         std::vector<std::string> argv{PARLEX_PEER_PATH};
         argv.insert(argv.end(), args.begin(), args.end());
-        peers_.push_back(std::make_unique<Process>(argv));
-        if (peers_.back()->readLine() != "ready") {
-            throw std::runtime_error("parlex_peer " + args.at(0) + " did not get ready");
+        peers_.push_back(std::make_unique<Process>(argv, uid));
+        for (auto line = peers_.back()->readLine(); line != "ready";
+             line = peers_.back()->readLine()) {
+            if (!line || said == nullptr) {
+                throw std::runtime_error("parlex_peer " + args.at(0) + " did not get ready");
+            }
+            said->push_back(*line);
         }
         return *peers_.back();
     }
@@ -198,6 +253,12 @@ protected:
     }
 
     std::string servicePath() const { return runtimeDir_.path() + "/" + kService; }
+
+    // The start of what a client of kService is told when the service refuses it.
+    std::string refusedBy() const {
+        return "error: parlex: service '" + std::string(kService) + "' at " + servicePath() +
+               " refused the connection: ";
+    }
 
     PrivateRuntimeDir runtimeDir_;
     std::vector<std::unique_ptr<Process>> peers_;
@@ -294,6 +355,21 @@ TEST_F(EchoTest, FailuresComeBackAsErrorRepliesAndTheConnectionCarriesOn) {
     other.bind("getBuffer", [](int) -> AndroidBuffer { throw std::runtime_error("client: no"); });
     EXPECT_EQ(errorOf([&] { other.call("pull", 1); }), "error: client: no");
     EXPECT_EQ(echo_.call("echoInt", 7).as<int>(), 7);
+}
+
+// The server knows which process runs a creation or a request, on that thread only; a client's
+// handler for the server's callback runs on behalf of nobody.
+TEST_F(EchoTest, CallingPeerNamesTheClientInsideItsCreationAndRequestsOnly) {
+    const std::string me = std::to_string(::getpid()) + " " + std::to_string(::getuid());
+    EXPECT_EQ(echo_.call("callingPeer").as<std::string>(), me + " " + me + " unset");
+    EXPECT_FALSE(callingPeer().has_value());
+    std::atomic<bool> inCallback{true};
+    echo_.bind("getBuffer", [&](int) {
+        inCallback = callingPeer().has_value();
+        return AndroidBuffer();
+    });
+    echo_.call("pull", 1);
+    EXPECT_FALSE(inCallback);
 }
 
 // Concurrent calls stay within the bound of handler threads. Then each "pull" waits in a server
@@ -609,19 +685,281 @@ TEST_F(TransportTest, DroppedProxiesAndGoneClientsReleaseTheirObjectsAndDescript
     // The remaining proxy outlives its client, and must still be destroyed safely later.
     local.reset();
     EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; }));
+    // A release that the client asked for runs on its behalf; the transport's, on nobody's.
+    std::lock_guard<std::mutex> lock(calloutsMutex);
+    EXPECT_THAT(releasedFor,
+                ::testing::ElementsAre(std::to_string(::getpid()), "nobody", "nobody"));
 }
 
-TEST_F(TransportTest, SilentClientsGoAtTheGreetingDeadlineAndClientsBeyondTheCapAreRefused) {
-    CountedServer server(kService);
-    std::vector<UniqueFd> silent;
-    for (size_t i = 0; i < ServerLimits().maxPendingGreetings; ++i) {
-        silent.push_back(socketAt(servicePath(), false));
-    }
-    EXPECT_THAT(errorOf([] { AndroidClient refused(kService); }), HasSubstr("refused"));
-    EXPECT_EQ(loggedWith("refusing more"), 1u);
-    for (const UniqueFd& client : silent) ASSERT_TRUE(closedByPeer(client.get()));
-    EXPECT_EQ(loggedWith("no greeting"), ServerLimits().maxPendingGreetings);
+// How a peer process is named in the server's log lines.
+std::string described(pid_t pid, uid_t uid = ::getuid()) {
+    return "pid " + std::to_string(pid) + " (uid " + std::to_string(uid) + ")";
+}
+
+// One process's idle clients and connections that never greet (beyond the 64 that once were
+// the whole server's share) leave room for a client of another process; only those beyond its
+// share of pending greetings are refused, with one line, and the others go at the deadline.
+TEST_F(TransportTest, IdleAndSilentConnectionsOfOneProcessLockOutNoOtherProcess) {
+    ServerLimits limits;
+    limits.greetingDeadline = std::chrono::milliseconds(300);
+    CountedServer server(kService, limits);
+    std::vector<std::string> said;
+    Process& crowd = startPeer({"clients", kService, "Counted", "70", "70"}, &said);
+    EXPECT_THAT(said, ::testing::ElementsAre("connected 70"));
     EXPECT_TRUE(serves());
+    const std::string line = "parlex: " + described(crowd.pid()) +
+                             " has 8 connections waiting for their greeting, the most one process "
+                             "may have (maxPendingGreetingsPerProcess); refusing more";
+    EXPECT_TRUE(waitUntil([&] { return loggedWith("no greeting") == 8; }));
+    EXPECT_EQ(loggedWith(line), 1u);
+    EXPECT_TRUE(serves());
+}
+
+// Each cap refuses with one line naming it and the peer, the refused client learns which cap it
+// met, and what one process holds leaves room for the others.
+TEST_F(TransportTest, CapsRefuseWithTheirReasonAndOneLineWhileOtherProcessesStillConnect) {
+    ServerLimits limits;
+    limits.maxConnections = 5;
+    limits.maxConnectionsPerProcess = 3;
+    limits.maxPendingGreetings = 3;
+    limits.maxPendingGreetingsPerProcess = 2;
+    limits.maxObjectsPerConnection = 2;
+    CountedServer server(kService, limits);
+    using ::testing::ElementsAre;
+
+    std::vector<std::string> said;
+    Process& greedy = startPeer({"clients", kService, "Counted", "5", "0"}, &said);
+    EXPECT_THAT(said, ElementsAre("connected 3",
+                                  "refused " + refusedBy() +
+                                      "this process has the most connections one process may "
+                                      "have (maxConnectionsPerProcess 3)"));
+    EXPECT_EQ(loggedWith("parlex: " + described(greedy.pid()) +
+                         " has 3 connections, the most one process may have "
+                         "(maxConnectionsPerProcess); refusing more"),
+              1u);
+
+    {
+        AndroidClient client(kService);
+        auto first = std::make_unique<AndroidProxy>(&client, "Counted");
+        AndroidProxy second(&client, "Counted");
+        EXPECT_EQ(errorOf([&] { AndroidProxy third(&client, "Counted"); }),
+                  "error: parlex: this connection holds 2 objects, the most one connection may "
+                  "create (maxObjectsPerConnection)");
+        first.reset();
+        AndroidProxy third(&client, "Counted");
+        EXPECT_EQ(third.call("echoInt", 3).as<int>(), 3);
+        EXPECT_EQ(loggedWith("a connection of " + described(::getpid()) +
+                             " holds 2 objects, the most one connection may create "
+                             "(maxObjectsPerConnection); refusing more"),
+                  1u);
+    }
+    // The server counts a client gone once it has released the client's objects.
+    const auto onlyGreedyLeft = [&] { return server.alive() == 3; };
+    EXPECT_TRUE(waitUntil(onlyGreedyLeft));
+
+    {
+        AndroidClient fourth(kService);
+        AndroidClient fifth(kService);
+        const AndroidProxy held(&fourth, "Counted");
+        const AndroidProxy alsoHeld(&fifth, "Counted");
+        said.clear();
+        Process& late = startPeer({"clients", kService, "Counted", "1", "0"}, &said);
+        EXPECT_THAT(said, ElementsAre("connected 0", "refused " + refusedBy() +
+                                                         "the service serves the most clients "
+                                                         "it may (maxConnections 5)"));
+        EXPECT_EQ(loggedWith("parlex: 5 clients connected, the most a server serves "
+                             "(maxConnections); refusing more, first from " +
+                             described(late.pid())),
+                  1u);
+    }
+    EXPECT_TRUE(waitUntil(onlyGreedyLeft));
+
+    // Two connections of this process that do not greet are all it may have waiting; a client of
+    // another process still gets in, and its connections that wait fill the server's share.
+    std::vector<UniqueFd> silent;
+    for (int i = 0; i < 2; ++i) silent.push_back(socketAt(servicePath(), false));
+    EXPECT_EQ(errorOf([] { AndroidClient refused(kService); }),
+              refusedBy() +
+                  "too many connections of this process wait for their greeting "
+                  "(maxPendingGreetingsPerProcess 2)");
+    EXPECT_EQ(loggedWith("parlex: " + described(::getpid()) +
+                         " has 2 connections waiting for their greeting, the most one process may "
+                         "have (maxPendingGreetingsPerProcess); refusing more"),
+              1u);
+    said.clear();
+    Process& other = startPeer({"clients", kService, "Counted", "1", "2"}, &said);
+    EXPECT_THAT(said, ElementsAre("connected 1"));
+    EXPECT_TRUE(waitUntil([&] {
+        return loggedWith(
+                   "parlex: 3 connections wait for their greeting, the most a server lets "
+                   "wait (maxPendingGreetings); refusing more, first from " +
+                   described(other.pid())) == 1;
+    }));
+}
+
+// Without an allow-list only the server's own user (and root) may connect; a user let through
+// the socket's mode is refused by name unless allowed, and the socket's default mode already
+// keeps it out with a message of its own.
+TEST_F(TransportTest, OnlyAllowedUsersGetInAndOthersLearnWhy) {
+    if (::geteuid() != 0) GTEST_SKIP() << "running a peer as another user needs root";
+    constexpr uid_t kNobody = 65534;
+    ASSERT_EQ(::chmod(runtimeDir_.path().c_str(), 0711), 0);
+    auto attempt = [&](const ServerLimits& limits) {
+        CountedServer server(kService, limits);
+        std::vector<std::string> said;
+        Process& peer =
+            startPeer({"clients", kService, "Counted", "1", "0"}, &said, std::optional(kNobody));
+        EXPECT_EQ(peer.finish(), 0);
+        return said;
+    };
+    using ::testing::ElementsAre;
+    EXPECT_THAT(attempt({}), ElementsAre("connected 0",
+                                         "refused error: parlex: permission denied on the "
+                                         "socket of service 'parlex-test' at " +
+                                             servicePath()));
+    ::setenv("PARLEX_SOCKET_MODE", "666", 1);
+    EXPECT_THAT(attempt({}), ElementsAre("connected 0", "refused " + refusedBy() +
+                                                            "uid 65534 may not use this service "
+                                                            "(allowedUids)"));
+    EXPECT_EQ(loggedWith("parlex: uid 65534 (pid "), 1u);
+    EXPECT_EQ(loggedWith("may not use this service (allowedUids); refusing its connections"), 1u);
+    ServerLimits allowed;
+    allowed.allowedUids = {kNobody};
+    EXPECT_THAT(attempt(allowed), ElementsAre("connected 1"));
+}
+
+// A server that cannot start a thread for a new client refuses it, says so, and keeps serving
+// the clients it has (the peer runs as another user, whom the limit of threads binds).
+TEST_F(TransportTest, ServerOutOfThreadsRefusesANewClientAndKeepsServing) {
+    if (::geteuid() != 0) GTEST_SKIP() << "running a peer as another user needs root";
+    ASSERT_EQ(::chmod(runtimeDir_.path().c_str(), 0777), 0);
+    startPeer({"server", kService}, nullptr, std::optional<uid_t>(65534));
+    AndroidClient client(kService);
+    AndroidProxy echo(&client, "Echo");
+    ASSERT_EQ(echo.call("limitThreads", true).as<int>(), 0);
+    const std::string refused = errorOf([] { AndroidClient refused(kService); });
+    ASSERT_EQ(echo.call("limitThreads", false).as<int>(), 0);
+    EXPECT_THAT(refused, HasSubstr("refused the connection"));
+    EXPECT_EQ(echo.call("logged", std::string("no thread left for a client")).as<int>(), 1);
+    EXPECT_TRUE(serves("Echo"));
+}
+
+// Sets $PARLEX_CONNECT_DEADLINE_MS for the life of a test.
+class ConnectDeadline {
+public:
+    explicit ConnectDeadline(const char* ms) { ::setenv("PARLEX_CONNECT_DEADLINE_MS", ms, 1); }
+    ~ConnectDeadline() { ::unsetenv("PARLEX_CONNECT_DEADLINE_MS"); }
+};
+
+// A service that takes no connection (a stopped one, whose connections wait in the listen
+// backlog until it is full) fails the client at the connect deadline, leaving no thread or
+// descriptor behind. A service that greets and then does not answer fails the creation of an
+// object, and its late answer goes nowhere; one that does not answer a release lets the proxy
+// go all the same.
+TEST_F(TransportTest, ServiceThatDoesNotAnswerFailsTheClientAtTheConnectDeadlineLeavingNothing) {
+    const ConnectDeadline deadline("200");
+    std::thread([] {}).join();  // ThreadSanitizer's own thread comes with the first one
+    const auto started = std::chrono::steady_clock::now();
+    const std::string noAnswer = "error: parlex: service '" + std::string(kService) + "' at " +
+                                 servicePath() + " did not answer within 200 ms";
+    {
+        const UniqueFd stopped = socketAt(servicePath(), true);
+        const size_t threadsBefore = threadCount();
+        const std::vector<int> fdsBefore = openFds();
+        // A backlog of one takes two connections; the third finds it full.
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(errorOf([] { AndroidClient client(kService); }), noAnswer) << i;
+        }
+        EXPECT_EQ(threadCount(), threadsBefore);
+        EXPECT_EQ(openFds(), fdsBefore);
+    }
+
+    const UniqueFd listener = socketAt(servicePath() + "2", true);
+    std::promise<void> clientDone;
+    auto fake = std::async(std::launch::async, [&] {
+        transport::Frame hello, unanswered, answered, release;
+        if (!readable(listener.get())) return false;
+        const UniqueFd requests(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!received(requests.get(), hello)) return false;
+        transport::sendFrame(requests.get(), FrameKind::HelloAck, hello.txn, nullptr, 0, {});
+        if (!received(requests.get(), unanswered) || !received(requests.get(), answered)) {
+            return false;
+        }
+        transport::sendFrame(requests.get(), FrameKind::Reply, unanswered.txn, "Fake#1", 6, {});
+        transport::sendFrame(requests.get(), FrameKind::Reply, answered.txn, "Fake#2", 6, {});
+        const bool released = received(requests.get(), release);
+        clientDone.get_future().wait();
+        return released && release.kind == FrameKind::Release;
+    });
+    {
+        AndroidClient client(std::string(kService) + "2");
+        EXPECT_THAT(errorOf([&] { AndroidProxy proxy(&client, "Fake"); }),
+                    HasSubstr("did not answer within 200 ms"));
+        AndroidProxy proxy(&client, "Fake");
+        EXPECT_EQ(proxy.objectId(), "Fake#2");
+    }
+    clientDone.set_value();
+    EXPECT_TRUE(fake.get()) << "the fake service did not see the client's frames";
+    EXPECT_LT(std::chrono::steady_clock::now() - started, kConnectDeadline)
+        << "the deadline from the environment was not used";
+}
+
+// A client that never answers a callback: the server's wait fails as for a dead client at the
+// call deadline, the client's objects go, and other clients are served meanwhile. The client's
+// own pending call fails as the connection closes.
+TEST_F(TransportTest, ClientThatNeverAnswersACallbackIsDisconnectedAtTheCallDeadline) {
+    ServerLimits limits;
+    limits.callDeadline = std::chrono::milliseconds(300);
+    CountedServer server(kService, limits);
+    Process& stuck = startPeer({"stuck", kService, "Counted"});
+    EXPECT_EQ(stuck.readLine(), "hanging");
+    EXPECT_TRUE(serves());
+    EXPECT_EQ(stuck.readLine(), "dead_object");
+    EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; })) << server.alive() << " alive";
+    EXPECT_THAT(failedCallouts(), ::testing::ElementsAre("dead_object"));
+    EXPECT_EQ(loggedWith("parlex: client " + described(stuck.pid()) +
+                         " did not answer or take its messages within 300 ms; disconnecting"),
+              1u);
+}
+
+// A client that stops reading its socket: neither the answers to its requests nor the events for
+// it may hold a server thread beyond the call deadline. It is disconnected and its object goes.
+TEST_F(TransportTest, ClientThatStopsReadingIsDisconnectedAtTheCallDeadline) {
+    ServerLimits limits;
+    limits.callDeadline = std::chrono::milliseconds(200);
+    CountedServer server(kService, limits);
+    AndroidClient bystander(kService);
+    AndroidProxy watcher(&bystander, "Counted");
+    const std::string line = "parlex: client " + described(::getpid()) +
+                             " did not answer or take its messages within 200 ms; disconnecting";
+    for (const char* unread : {"answers", "events"}) {
+        SCOPED_TRACE(unread);
+        const size_t linesBefore = loggedWith(line);
+        const UniqueFd raw = socketAt(servicePath(), false);
+        const UniqueFd events = greet(raw.get());
+        transport::Frame created;
+        transport::sendFrame(raw.get(), FrameKind::Create, 2, "Counted", 7, {});
+        ASSERT_TRUE(received(raw.get(), created));
+        ASSERT_EQ(server.alive(), 2);
+        const std::string objectId(created.payload.begin(), created.payload.end());
+        auto request = [&](const std::string& method, uint32_t txn) {
+            AndroidParcel call;
+            call.write(objectId);
+            call.write(method);
+            if (method == "echoString") call.write(std::string(60000, 'a'));
+            transport::sendFrame(raw.get(), FrameKind::Call, txn, call->data(), call->dataSize(),
+                                 {});
+        };
+        if (std::string(unread) == "answers") {
+            for (uint32_t txn = 3; txn < 11; ++txn) request("echoString", txn);
+        } else {
+            request("flood", 3);
+        }
+        EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; })) << server.alive() << " alive";
+        EXPECT_EQ(loggedWith(line), linesBefore + 1);
+        EXPECT_EQ(watcher.call("echoInt", 4).as<int>(), 4);
+    }
+    EXPECT_THAT(failedCallouts(), ::testing::ElementsAre("dead_object"));
 }
 
 // The peer server at its descriptor limit fails a request that came with a memfd and a reply

@@ -1,5 +1,7 @@
 #include "Channel.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -37,8 +39,9 @@ bool isAnswer(FrameKind kind) {
 }
 }  // namespace
 
-Caller::Caller(int fd, std::function<void()> onFailure)
-    : fd_(fd), onFailure_(std::move(onFailure)) {}
+Caller::Caller(int fd, std::function<void(bool timedOut)> onFailure,
+               std::chrono::milliseconds deadline)
+    : fd_(fd), onFailure_(std::move(onFailure)), deadline_(deadline) {}
 
 std::shared_ptr<Caller::Slot> Caller::send(FrameKind kind, const void* payload, size_t size,
                                            const std::vector<int>& fds) {
@@ -52,30 +55,46 @@ std::shared_ptr<Caller::Slot> Caller::send(FrameKind kind, const void* payload, 
                                  " descriptors, more than the limit");
     }
     auto slot = std::make_shared<Slot>();
-    uint32_t txn;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (failure_ != Failure::None) throwFailure(failure_);
-        txn = nextTxn_++;
+        slot->txn = nextTxn_++;
         if (nextTxn_ == 0) nextTxn_ = 1;
-        slots_[txn] = slot;
+        slots_[slot->txn] = slot;
     }
-    int rc = sendFrame(fd_, kind, txn, payload, size, fds);
+    int rc = sendFrame(fd_, kind, slot->txn, payload, size, fds);
     if (rc == 0) return slot;
 
-    forget(txn);
+    forget(slot->txn);
     if (!peerGone(rc)) {
         // Nothing reached the peer and the channel is as it was: only this call fails.
         throw std::runtime_error("parlex: message of " + std::to_string(size) +
                                  " bytes could not be sent: " + std::strerror(-rc));
     }
+    broken(rc == -ETIMEDOUT);
+}
+
+void Caller::broken(bool timedOut) {
     fail(Failure::Dead);
-    onFailure_();
+    onFailure_(timedOut);
     std::lock_guard<std::mutex> lock(mutex_);
     throwFailure(failure_);
 }
 
 Frame Caller::wait(const std::shared_ptr<Slot>& slot) {
+    if (deadline_.count() <= 0) return *await(slot, nullptr);
+    const Clock::time_point deadline = Clock::now() + deadline_;
+    if (std::optional<Frame> answer = await(slot, &deadline)) return std::move(*answer);
+    broken(true);
+}
+
+std::optional<Frame> Caller::waitUntil(const std::shared_ptr<Slot>& slot,
+                                       Clock::time_point deadline) {
+    return await(slot, &deadline);
+}
+
+std::optional<Frame> Caller::await(const std::shared_ptr<Slot>& slot,
+                                   const Clock::time_point* deadline) {
     if (!Responder::waitBegins()) {
         throw std::runtime_error("parlex: " + std::to_string(kMaxWaitingHandlersPerConnection) +
                                  " handlers of this connection wait for answers already");
@@ -86,8 +105,11 @@ Frame Caller::wait(const std::shared_ptr<Slot>& slot) {
     std::unique_lock<std::mutex> lock(mutex_);
     waiters_.push_back(slot.get());
     while (!slot->done && failure_ == Failure::None) {
+        if (deadline != nullptr && Clock::now() >= *deadline) break;
         if (!reading_) {
-            readOne(lock);
+            readOne(lock, deadline);
+        } else if (deadline != nullptr) {
+            slot->cv.wait_until(lock, *deadline);
         } else {
             slot->cv.wait(lock);
         }
@@ -96,14 +118,42 @@ Frame Caller::wait(const std::shared_ptr<Slot>& slot) {
     // This thread may have been the reader: pass the role on to a waiter that still needs it.
     if (!reading_ && !waiters_.empty()) waiters_.front()->cv.notify_one();
     if (slot->done) return std::move(slot->answer);
+    if (failure_ == Failure::None) {
+        slots_.erase(slot->txn);  // too late: its answer, should it come, goes nowhere
+        return std::nullopt;
+    }
     Failure failure = failure_;
     lock.unlock();
     throwFailure(failure);
 }
 
-void Caller::readOne(std::unique_lock<std::mutex>& lock) {
+namespace {
+// Waits until `fd` is readable or `deadline` passes; true when it is readable (or broken, which
+// the read that follows finds out).
+bool readableBy(int fd, const Caller::Clock::time_point& deadline) {
+    pollfd readable{fd, POLLIN, 0};
+    while (true) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Caller::Clock::now());
+        if (left.count() <= 0) return false;
+        // Rounded up, so that a wait does not spin through its last millisecond; in slices, so
+        // that a long deadline does not overflow poll's argument.
+        const auto slice = std::min<long long>(left.count(), 60 * 1000);
+        const int ready = ::poll(&readable, 1, static_cast<int>(slice) + 1);
+        if (ready > 0) return true;
+        if (ready < 0 && errno != EINTR) return true;
+    }
+}
+}  // namespace
+
+void Caller::readOne(std::unique_lock<std::mutex>& lock, const Clock::time_point* deadline) {
     reading_ = true;
     lock.unlock();
+    if (deadline != nullptr && !readableBy(fd_, *deadline)) {
+        lock.lock();
+        reading_ = false;
+        return;
+    }
     Frame frame;
     std::string error;
     RecvStatus status = recvFrame(fd_, frame, error);
@@ -123,7 +173,7 @@ void Caller::readOne(std::unique_lock<std::mutex>& lock) {
             logLine("parlex: peer sent a malformed answer (" + error + "); disconnecting");
         }
         fail(Failure::Dead);
-        onFailure_();
+        onFailure_(false);
         lock.lock();
         reading_ = false;
         return;
@@ -176,8 +226,16 @@ Responder::~Responder() { join(); }
 
 void Responder::start(std::shared_ptr<void> keepAlive, std::function<bool()> first) {
     std::lock_guard<std::mutex> lock(mutex_);
+    // Counted before the thread runs, which may end at once; a thread that cannot be started
+    // (std::system_error to the caller) leaves nothing counted.
     ++running_;
-    threads_.emplace_back(&Responder::loop, this, std::move(keepAlive), std::move(first));
+    try {
+        threads_.emplace_back(&Responder::loop, this, std::move(keepAlive), std::move(first));
+    } catch (...) {
+        --running_;
+        ended_ = true;
+        throw;
+    }
     poolIds_.push_back(threads_.back().get_id());
 }
 

@@ -13,12 +13,14 @@
 // handlers have a bound of their own, beyond which the wait fails at once.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,33 +36,47 @@ enum class Failure { None, Dead, Stopped };
 
 class Caller {
 public:
+    using Clock = std::chrono::steady_clock;
+
     struct Slot {
+        uint32_t txn = 0;
         bool done = false;
         Frame answer;
         std::condition_variable cv;
     };
 
-    // `onFailure` is called (without locks held) the first time the channel is found broken.
-    Caller(int fd, std::function<void()> onFailure);
+    // `onFailure` is called (without locks held) when the channel is found broken; `timedOut`
+    // when the peer let `deadline` pass. A positive `deadline` bounds every wait() and counts
+    // a peer that misses it as gone.
+    Caller(int fd, std::function<void(bool timedOut)> onFailure,
+           std::chrono::milliseconds deadline = std::chrono::milliseconds(0));
 
     // Registers a slot and sends the request; throws dead_object when the peer is gone, or
     // std::runtime_error when stopped, when the message is too large or when it cannot be sent
     // for a local reason (which leaves the channel as it was).
     std::shared_ptr<Slot> send(FrameKind kind, const void* payload, size_t size,
                                const std::vector<int>& fds);
-    // Blocks until the slot's answer arrives; throws when the channel fails first, or when the
-    // calling handler thread may not wait (see Responder).
+    // Blocks until the slot's answer arrives; throws when the channel fails first (dead_object
+    // when the channel's deadline passes), or when the calling handler thread may not wait (see
+    // Responder).
     Frame wait(const std::shared_ptr<Slot>& slot);
+    // As wait(), but gives up at `deadline` and returns nullopt then, which leaves the channel as
+    // it was: an answer that comes later is dropped.
+    std::optional<Frame> waitUntil(const std::shared_ptr<Slot>& slot, Clock::time_point deadline);
     // Fails every waiter now and later with `failure` (the first failure recorded sticks).
     void fail(Failure failure);
 
 private:
-    void readOne(std::unique_lock<std::mutex>& lock);
+    std::optional<Frame> await(const std::shared_ptr<Slot>& slot,
+                               const Clock::time_point* deadline);
+    void readOne(std::unique_lock<std::mutex>& lock, const Clock::time_point* deadline);
     void deliver(Frame frame);
     void forget(uint32_t txn);
+    [[noreturn]] void broken(bool timedOut);
 
     const int fd_;
-    const std::function<void()> onFailure_;
+    const std::function<void(bool timedOut)> onFailure_;
+    const std::chrono::milliseconds deadline_;
     std::mutex mutex_;  // guards: slots_, waiters_, nextTxn_, reading_, failure_
     std::map<uint32_t, std::shared_ptr<Slot>> slots_;
     std::vector<Slot*> waiters_;  // slots whose owner is blocked in wait()

@@ -1,13 +1,19 @@
 // The client side of the transport: one connection per AndroidClient, the routes from object
 // identifiers to proxies, and the delivery of "death".
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <map>
+#include <optional>
 
 #include "Channel.h"
 #include "Messages.h"
@@ -89,10 +95,12 @@ private:
 
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
 public:
-    ClientConnection(UniqueFd requests, UniqueFd events)
+    ClientConnection(UniqueFd requests, UniqueFd events, std::string serviceName, std::string path)
         : requests_(std::move(requests)),
           events_(std::move(events)),
-          caller_(requests_.get(), [this] { markDead(); }),
+          serviceName_(std::move(serviceName)),
+          path_(std::move(path)),
+          caller_(requests_.get(), [this](bool) { markDead(); }),
           responder_(
               events_.get(), [this](Frame& frame) { handle(frame); },
               [this](const std::string& error) { onResponderEnd(error); }) {}
@@ -100,38 +108,34 @@ public:
     ~ClientConnection() { responder_.join(); }
 
     static std::shared_ptr<ClientConnection> connect(const std::string& serviceName) {
-        std::string path = socketPath(serviceName);
-        UniqueFd requests(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-        if (!requests.valid()) {
-            throw std::runtime_error("parlex: cannot connect to service '" + serviceName +
-                                     "': " + std::strerror(errno));
-        }
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        const auto* raw = reinterpret_cast<const sockaddr*>(&address);
-        if (::connect(requests.get(), raw, sizeof(address)) != 0) {
-            throw std::runtime_error("parlex: service '" + serviceName +
-                                     "' is not running (nothing listens at " + path + ")");
-        }
+        const std::string path = socketPath(serviceName);
+        const auto deadline = std::chrono::steady_clock::now() + connectDeadline();
+        UniqueFd requests = dial(serviceName, path);
         int pair[2];
         if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
             throw std::runtime_error("parlex: socketpair failed: " +
                                      std::string(std::strerror(errno)));
         }
         UniqueFd mine(pair[0]), theirs(pair[1]);
-        auto connection = std::make_shared<ClientConnection>(std::move(requests), std::move(mine));
-        try {
-            auto slot = connection->caller_.send(FrameKind::Hello, nullptr, 0, {theirs.get()});
-            theirs.reset();
-            Frame answer = connection->caller_.wait(slot);
-            if (answer.kind != FrameKind::HelloAck) throw std::runtime_error("no greeting");
-        } catch (const std::exception&) {
-            throw std::runtime_error("parlex: service '" + serviceName +
-                                     "' refused the connection");
-        }
+        greet(requests.get(), theirs, deadline, serviceName, path);
+        auto connection = std::make_shared<ClientConnection>(std::move(requests), std::move(mine),
+                                                             serviceName, path);
         connection->responder_.start(connection);
         return connection;
+    }
+
+    // How long the service may take to answer the greeting or a creation.
+    static std::chrono::milliseconds connectDeadline() {
+        const char* text = std::getenv("PARLEX_CONNECT_DEADLINE_MS");
+        if (text == nullptr || *text == '\0') return kConnectDeadline;
+        char* end = nullptr;
+        errno = 0;
+        const long long ms = std::strtoll(text, &end, 10);
+        // Anything but a positive number of milliseconds keeps the default.
+        if (*end != '\0' || errno != 0 || ms <= 0 || ms > 24LL * 3600 * 1000) {
+            return kConnectDeadline;
+        }
+        return std::chrono::milliseconds(ms);
     }
 
     std::future<AndroidParcel> send(const AndroidParcel& parcel) {
@@ -144,16 +148,23 @@ public:
 
     std::string createObject(const std::string& type) {
         if (stopped_) throw std::runtime_error("parlex: client stopped");
-        Frame answer = caller_.wait(caller_.send(FrameKind::Create, type.data(), type.size(), {}));
-        std::string text(answer.payload.begin(), answer.payload.end());
-        if (answer.kind != FrameKind::Reply) throw std::runtime_error(text);
+        const auto deadline = std::chrono::steady_clock::now() + connectDeadline();
+        auto slot = caller_.send(FrameKind::Create, type.data(), type.size(), {});
+        std::optional<Frame> answer = caller_.waitUntil(slot, deadline);
+        if (!answer) throw std::runtime_error(noAnswer(serviceName_, path_));
+        std::string text(answer->payload.begin(), answer->payload.end());
+        if (answer->kind != FrameKind::Reply) throw std::runtime_error(text);
         return text;
     }
 
+    // Bounded like a creation, so that a service that stopped answering cannot hold up the
+    // application's teardown; the object then goes with the connection.
     void releaseObject(const std::string& objectId) {
         if (stopped_ || state_ != Failure::None) return;
         try {
-            caller_.wait(caller_.send(FrameKind::Release, objectId.data(), objectId.size(), {}));
+            const auto deadline = std::chrono::steady_clock::now() + connectDeadline();
+            caller_.waitUntil(
+                caller_.send(FrameKind::Release, objectId.data(), objectId.size(), {}), deadline);
         } catch (const std::exception&) {
             // The service is gone or the client stopped: the object went with the connection.
         }
@@ -201,6 +212,99 @@ public:
     }
 
 private:
+    static std::string noAnswer(const std::string& serviceName, const std::string& path) {
+        return "parlex: service '" + serviceName + "' at " + path + " did not answer within " +
+               std::to_string(connectDeadline().count()) + " ms";
+    }
+
+    // Connects to the service's socket. A service whose backlog is full makes connect() wait:
+    // the send time-out bounds that wait, and is lifted once connected.
+    static UniqueFd dial(const std::string& serviceName, const std::string& path) {
+        UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        if (!socket.valid()) {
+            throw std::runtime_error("parlex: cannot connect to service '" + serviceName +
+                                     "': " + std::strerror(errno));
+        }
+        setSendTimeout(socket.get(), connectDeadline());
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        const auto* raw = reinterpret_cast<const sockaddr*>(&address);
+        int rc;
+        do {
+            rc = ::connect(socket.get(), raw, sizeof(address));
+        } while (rc != 0 && errno == EINTR);
+        if (rc != 0) {
+            const int error = errno;
+            if (error == ENOENT || error == ECONNREFUSED) {
+                throw std::runtime_error("parlex: service '" + serviceName +
+                                         "' is not running (nothing listens at " + path + ")");
+            }
+            if (error == EACCES || error == EPERM) {
+                throw std::runtime_error("parlex: permission denied on the socket of service '" +
+                                         serviceName + "' at " + path);
+            }
+            if (error == EAGAIN || error == EWOULDBLOCK) {
+                throw std::runtime_error(noAnswer(serviceName, path));
+            }
+            throw std::runtime_error("parlex: cannot connect to service '" + serviceName + "' at " +
+                                     path + ": " + std::strerror(error));
+        }
+        setSendTimeout(socket.get(), std::chrono::milliseconds(0));
+        return socket;
+    }
+
+    // Sends the greeting with the server's end of the event channel (which goes, sent or not)
+    // and waits for its answer until `deadline`. The service refuses a connection by closing
+    // it, after an Error frame that says why when it can; that frame may come before the
+    // greeting has even been sent.
+    static void greet(int socket, UniqueFd& theirs, std::chrono::steady_clock::time_point deadline,
+                      const std::string& serviceName, const std::string& path) {
+        const int sent = sendFrame(socket, FrameKind::Hello, 1, nullptr, 0, {theirs.get()});
+        theirs.reset();
+        const std::string refused =
+            "parlex: service '" + serviceName + "' at " + path + " refused the connection";
+        if (sent != 0 && !peerGone(sent)) {
+            throw std::runtime_error("parlex: cannot connect to service '" + serviceName + "' at " +
+                                     path + ": " + std::strerror(-sent));
+        }
+        pollfd answer{socket, POLLIN, 0};
+        while (true) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) throw std::runtime_error(noAnswer(serviceName, path));
+            const int ready = ::poll(&answer, 1, static_cast<int>(left.count()) + 1);
+            if (ready > 0) break;
+            if (ready < 0 && errno != EINTR) throw std::runtime_error(refused);
+        }
+        Frame frame;
+        std::string error;
+        RecvStatus status = recvFrame(socket, frame, error);
+        // A service that closed before it read our greeting leaves a reset in front of the
+        // reason it sent; the reset reads once, then what was queued (or the end) comes.
+        if (status == RecvStatus::Closed) status = recvFrame(socket, frame, error);
+        if (status == RecvStatus::Ok) {
+            if (frame.kind == FrameKind::HelloAck && frame.txn == 1 && frame.fds.empty()) return;
+            if (frame.kind == FrameKind::Error) {
+                // The reason is the service's text: shown as one line of printable characters.
+                std::string reason(frame.payload.begin(), frame.payload.end());
+                reason = reason.substr(0, 512);
+                for (char& c : reason) {
+                    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+                }
+                throw std::runtime_error(refused + ": " + reason);
+            }
+        }
+        throw std::runtime_error(refused);
+    }
+
+    static void setSendTimeout(int socket, std::chrono::milliseconds timeout) {
+        timeval value{};
+        value.tv_sec = static_cast<time_t>(timeout.count() / 1000);
+        value.tv_usec = static_cast<suseconds_t>(timeout.count() % 1000 * 1000);
+        ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof(value));
+    }
+
     void shutdownSockets() {
         ::shutdown(requests_.get(), SHUT_RDWR);
         ::shutdown(events_.get(), SHUT_RDWR);
@@ -264,6 +368,8 @@ private:
 
     UniqueFd requests_;  // channel A: our requests, the service's answers
     UniqueFd events_;    // channel B: the service's events and callbacks, our answers
+    const std::string serviceName_;
+    const std::string path_;
     Caller caller_;
     Responder responder_;
     std::atomic<Failure> state_{Failure::None};

@@ -107,7 +107,8 @@ size_t attachedBytes(const std::vector<int>& fds) {
 }
 
 bool peerGone(int sendResult) {
-    return sendResult == -EPIPE || sendResult == -ECONNRESET || sendResult == -ENOTCONN;
+    return sendResult == -EPIPE || sendResult == -ECONNRESET || sendResult == -ENOTCONN ||
+           sendResult == -ETIMEDOUT;
 }
 
 int sendFrame(int fd, FrameKind kind, uint32_t txn, const void* payload, size_t size,
@@ -150,6 +151,8 @@ int sendFrame(int fd, FrameKind kind, uint32_t txn, const void* payload, size_t 
     while (true) {
         ssize_t n = ::sendmsg(fd, &msg, MSG_NOSIGNAL);
         if (n >= 0) return 0;
+        // Our sockets block: EAGAIN is a send time-out, a peer that does not read.
+        if (errno == EAGAIN || errno == EWOULDBLOCK) return -ETIMEDOUT;
         if (errno != EINTR) return -errno;
     }
 }

@@ -74,11 +74,11 @@ size_t attachedBytes(const std::vector<int>& fds);
 // Sends one frame; the descriptors are duplicated into the peer, ours stay open. Returns 0 or
 // a negative errno: EMSGSIZE when the payload and the attached files exceed the limit, a
 // local failure (EMFILE, ENOMEM, ...) that leaves the channel usable, or one for which
-// peerGone() holds.
+// peerGone() holds (ETIMEDOUT: the socket's send time-out passed while the peer read nothing).
 int sendFrame(int fd, FrameKind kind, uint32_t txn, const void* payload, size_t size,
               const std::vector<int>& fds);
 
-// Whether sendFrame's result means that the channel is closed for good.
+// Whether sendFrame's result means that the channel is closed, or its peer stuck, for good.
 bool peerGone(int sendResult);
 
 // Receives one frame, validating it before anything is trusted. On Malformed and Unreadable,

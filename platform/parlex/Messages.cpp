@@ -46,12 +46,12 @@ std::string runHandler(const std::string& method,
     }
 }
 
-void sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidParcel& reply) {
+int sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidParcel& reply) {
     int rc = -EPIPE;
     if (error.empty()) {
         rc = sendFrame(fd, FrameKind::Reply, txn, reply->data(), reply->dataSize(),
                        reply->fileDescriptors());
-        if (rc == 0 || peerGone(rc)) return;
+        if (rc == 0 || peerGone(rc)) return rc;
     }
     // An error text, or a reply that cannot go for a reason of its own (too large, no
     // descriptor left for its memfd): the caller still gets an answer, one that needs no
@@ -64,12 +64,12 @@ void sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidPar
     } else if (text.empty()) {
         text = std::string("parlex: reply could not be sent: ") + std::strerror(-rc);
     }
-    rc = sendFrame(fd, FrameKind::Error, txn, text.data(), std::min(text.size(), kInlineLimit), {});
-    (void)rc;
+    return sendFrame(fd, FrameKind::Error, txn, text.data(), std::min(text.size(), kInlineLimit),
+                     {});
 }
 
-void answerCall(int fd, Frame& frame,
-                const std::function<Dispatch(const std::string& objectId)>& resolve) {
+int answerCall(int fd, Frame& frame,
+               const std::function<Dispatch(const std::string& objectId)>& resolve) {
     AndroidParcel request = parcelFromFrame(frame);
     AndroidParcel reply;
     std::string objectId, method, error;
@@ -80,7 +80,7 @@ void answerCall(int fd, Frame& frame,
     } else {
         error = "parlex: no object '" + objectId + "'";
     }
-    sendAnswer(fd, frame.txn, error, reply);
+    return sendAnswer(fd, frame.txn, error, reply);
 }
 
 namespace {

@@ -24,8 +24,9 @@ std::string runHandler(const std::string& method,
                        const std::function<bool(AndroidParcel& reply)>& dispatch,
                        AndroidParcel& reply);
 
-// Answers request `txn` on `fd`: the reply parcel, or `error` when it is not empty.
-void sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidParcel& reply);
+// Answers request `txn` on `fd`: the reply parcel, or `error` when it is not empty. Returns
+// what sendFrame returned for the frame that went last.
+int sendAnswer(int fd, uint32_t txn, const std::string& error, const AndroidParcel& reply);
 
 // Runs one method of one object; returns the error text for the caller, empty on success.
 using Dispatch = std::function<std::string(const std::string& method, const AndroidParcel& request,
@@ -33,8 +34,9 @@ using Dispatch = std::function<std::string(const std::string& method, const Andr
 
 // Answers the Call `frame` on `fd`: reads which object and method it names, runs it through
 // what `resolve` returns for that object (an empty Dispatch when there is no such object).
-void answerCall(int fd, Frame& frame,
-                const std::function<Dispatch(const std::string& objectId)>& resolve);
+// Returns what sendAnswer returned.
+int answerCall(int fd, Frame& frame,
+               const std::function<Dispatch(const std::string& objectId)>& resolve);
 
 // Sends `parcel` as a call through `caller`; the future waits for the answer when asked. Any
 // failure is stored in the future. `keepAlive` keeps the caller's owner alive meanwhile.

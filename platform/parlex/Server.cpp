@@ -2,8 +2,10 @@
 // connection per client with the objects that client created, and AndroidImpl's sends.
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -12,6 +14,8 @@
 #include <chrono>
 #include <cstring>
 #include <map>
+#include <set>
+#include <system_error>
 #include <thread>
 #include <type_traits>
 
@@ -26,11 +30,64 @@ class ServerState;
 // How long the accept thread leaves the listener alone after running out of descriptors, unless
 // a connection ends (and frees some) first, or waits after a failed poll.
 constexpr int kRestMs = 250;
+// Distinct refusals logged between two admissions of a client; beyond it they go unlogged.
+constexpr size_t kMaxRefusalsLogged = 64;
+
+namespace {
+
+// The client whose Create or request this thread runs, if any.
+thread_local const PeerCredentials* tCallingPeer = nullptr;
+
+class CallingPeerScope {
+public:
+    explicit CallingPeerScope(const PeerCredentials& peer) : saved_(tCallingPeer) {
+        tCallingPeer = &peer;
+    }
+    ~CallingPeerScope() { tCallingPeer = saved_; }
+    CallingPeerScope(const CallingPeerScope&) = delete;
+    CallingPeerScope& operator=(const CallingPeerScope&) = delete;
+
+private:
+    const PeerCredentials* saved_;
+};
+
+std::string describe(const PeerCredentials& peer) {
+    return "pid " + std::to_string(peer.pid) + " (uid " + std::to_string(peer.uid) + ")";
+}
+
+void setSendTimeout(int socket, std::chrono::milliseconds timeout) {
+    timeval value{};
+    value.tv_sec = static_cast<time_t>(timeout.count() / 1000);
+    value.tv_usec = static_cast<suseconds_t>(timeout.count() % 1000 * 1000);
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof(value));
+}
+
+bool isSeqpacketSocket(int fd) {
+    int type = 0;
+    socklen_t length = sizeof(type);
+    return ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_SEQPACKET;
+}
+
+}  // namespace
+
+// Why a client is refused: `reason` goes to the client, `line` to the log (once per `key` and
+// burst).
+struct Refusal {
+    std::string key;
+    std::string reason;
+    std::string line;
+    bool empty() const { return key.empty(); }
+};
 
 class ServerConnection : public std::enable_shared_from_this<ServerConnection> {
 public:
-    ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests);
+    // Where the connection stands in the server's counts.
+    enum class Stage { Pending, Greeted, Gone };
 
+    ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests,
+                     const PeerCredentials& peer);
+
+    // Throws std::system_error when no thread can be started for it.
     void start() {
         auto self = shared_from_this();
         responder_.start(self, [this] { return handshake(); });
@@ -48,9 +105,15 @@ public:
 
     // Disconnects the client: pending and later sends fail with dead_object and the pool
     // threads end, the first of them releasing the client's objects (onEnd). It also runs
-    // inside sends and waits that find the client gone, so it releases nothing itself.
-    void close() {
+    // inside sends and waits that find the client gone or too slow, so it releases nothing
+    // itself. `unresponsive`: the client missed the call deadline, which is logged once.
+    void close(bool unresponsive = false) {
         if (closed_.exchange(true)) return;
+        if (unresponsive) {
+            logLine("parlex: client " + describe(peer_) +
+                    " did not answer or take its messages within " +
+                    std::to_string(limits_.callDeadline.count()) + " ms; disconnecting");
+        }
         ::shutdown(requests_.get(), SHUT_RDWR);
         std::lock_guard<std::mutex> lock(callerMutex_);
         if (caller_) caller_->fail(Failure::Dead);
@@ -59,7 +122,9 @@ public:
 
     void join() { responder_.join(); }
     bool finished() { return responder_.finished(); }
-    bool closed() const { return closed_; }
+    const PeerCredentials& peer() const { return peer_; }
+
+    Stage stage = Stage::Pending;  // guarded by the ServerState's mutex
 
 private:
     static std::future<AndroidParcel> deadFuture() {
@@ -80,38 +145,10 @@ private:
     }
 
     // The first frame of a connection must be the greeting that brings the event channel.
-    bool handshake() {
-        if (!greetedInTime()) {
-            logLine("parlex: client sent no greeting within " +
-                    std::to_string(limits_.greetingDeadline.count()) + " ms; disconnecting");
-            return false;
-        }
-        Frame hello;
-        std::string error;
-        RecvStatus status = recvFrame(requests_.get(), hello, error);
-        if (status == RecvStatus::Closed) return false;
-        if (status == RecvStatus::Unreadable) {
-            logLine("parlex: out of descriptors for a client's greeting; disconnecting");
-            return false;
-        }
-        struct stat st;
-        if (status == RecvStatus::Malformed || hello.kind != FrameKind::Hello ||
-            hello.fds.size() != 1 || ::fstat(hello.fds[0].get(), &st) != 0 ||
-            !S_ISSOCK(st.st_mode)) {
-            logLine("parlex: client sent a bad greeting (" +
-                    (error.empty() ? std::string("not a greeting") : error) + "); disconnecting");
-            return false;
-        }
-        {
-            std::lock_guard<std::mutex> lock(callerMutex_);
-            if (closed_) return false;
-            events_ = std::move(hello.fds[0]);
-            caller_ = std::make_unique<Caller>(events_.get(), [this] { close(); });
-        }
-        return sendFrame(requests_.get(), FrameKind::HelloAck, hello.txn, nullptr, 0, {}) == 0;
-    }
+    bool handshake();
 
     void handle(Frame& frame) {
+        CallingPeerScope calling(peer_);
         switch (frame.kind) {
             case FrameKind::Create:
                 return create(frame);
@@ -123,6 +160,11 @@ private:
                 logLine("parlex: client sent an unexpected frame; disconnecting");
                 close();
         }
+    }
+
+    // An answer that the client did not take off its socket within the deadline: it is stuck.
+    void answered(int sendResult) {
+        if (sendResult == -ETIMEDOUT) close(true);
     }
 
     void create(Frame& frame);
@@ -140,22 +182,23 @@ private:
         }
         object.reset();
         AndroidParcel empty;
-        sendAnswer(requests_.get(), frame.txn, {}, empty);
+        answered(sendAnswer(requests_.get(), frame.txn, {}, empty));
     }
 
     void call(Frame& frame) {
-        answerCall(requests_.get(), frame, [this](const std::string& objectId) -> Dispatch {
-            std::lock_guard<std::mutex> lock(objectsMutex_);
-            auto it = objects_.find(objectId);
-            if (it == objects_.end()) return {};
-            return [object = it->second](const std::string& method, const AndroidParcel& request,
-                                         AndroidParcel& reply) {
-                return runHandler(
-                    method,
-                    [&](AndroidParcel& out) { return object->dispatch(method, request, &out); },
-                    reply);
-            };
-        });
+        answered(
+            answerCall(requests_.get(), frame, [this](const std::string& objectId) -> Dispatch {
+                std::lock_guard<std::mutex> lock(objectsMutex_);
+                auto it = objects_.find(objectId);
+                if (it == objects_.end()) return {};
+                return [object = it->second](const std::string& method,
+                                             const AndroidParcel& request, AndroidParcel& reply) {
+                    return runHandler(
+                        method,
+                        [&](AndroidParcel& out) { return object->dispatch(method, request, &out); },
+                        reply);
+                };
+            }));
     }
 
     void onEnd(const std::string& error);
@@ -163,14 +206,38 @@ private:
     AndroidServer& server_;
     ServerState& state_;
     const ServerLimits& limits_;
+    const PeerCredentials peer_;
     UniqueFd requests_;  // channel A: the client's requests, our answers
     std::atomic<bool> closed_{false};
     std::mutex callerMutex_;  // guards: events_, caller_ (written once, by the handshake)
     UniqueFd events_;         // channel B: our events and callbacks, the client's answers
     std::unique_ptr<Caller> caller_;
-    std::mutex objectsMutex_;  // guards: objects_
+    std::mutex objectsMutex_;  // guards: objects_, creating_
     std::map<std::string, std::shared_ptr<AndroidImpl>> objects_;
+    size_t creating_ = 0;  // objects whose factory runs now
     Responder responder_;
+};
+
+// Connections counted by peer process.
+class PeerCounts {
+public:
+    size_t total() const { return total_; }
+    size_t of(pid_t pid) const {
+        auto it = byPid_.find(pid);
+        return it == byPid_.end() ? 0 : it->second;
+    }
+    void add(pid_t pid) {
+        ++total_;
+        ++byPid_[pid];
+    }
+    void remove(pid_t pid) {
+        --total_;
+        if (--byPid_[pid] == 0) byPid_.erase(pid);
+    }
+
+private:
+    size_t total_ = 0;
+    std::map<pid_t, size_t> byPid_;
 };
 
 class ServerState {
@@ -185,6 +252,7 @@ public:
           socketDev_(dev),
           socketIno_(ino) {
         if (!wake_.valid()) throw std::runtime_error("parlex: eventfd failed");
+        if (limits_.allowedUids.empty()) limits_.allowedUids = {::geteuid(), 0};
         acceptThread_ = std::thread(&ServerState::acceptLoop, this);
     }
 
@@ -222,7 +290,79 @@ public:
         (void)n;
     }
 
+    // Moves a connection that greeted from the pending to the greeted ones; the refusal when a
+    // cap on greeted connections does not let it in (it is no longer counted then).
+    Refusal greeted(ServerConnection& connection) {
+        const PeerCredentials& peer = connection.peer();
+        Refusal refusal;
+        bool log = false;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (connection.stage != ServerConnection::Stage::Pending) {
+                return {"closing", "the connection is closing", {}};
+            }
+            pending_.remove(peer.pid);
+            if (greeted_.total() >= limits_.maxConnections) {
+                const std::string cap = std::to_string(limits_.maxConnections);
+                refusal = {
+                    "connections",
+                    "the service serves the most clients it may (maxConnections " + cap + ")",
+                    "parlex: " + cap +
+                        " clients connected, the most a server serves (maxConnections); "
+                        "refusing more, first from " +
+                        describe(peer)};
+            } else if (greeted_.of(peer.pid) >= limits_.maxConnectionsPerProcess) {
+                const std::string cap = std::to_string(limits_.maxConnectionsPerProcess);
+                refusal = {"connections:" + std::to_string(peer.pid),
+                           "this process has the most connections one process may have "
+                           "(maxConnectionsPerProcess " +
+                               cap + ")",
+                           "parlex: " + describe(peer) + " has " + cap +
+                               " connections, the most one process may have "
+                               "(maxConnectionsPerProcess); refusing more"};
+            }
+            if (refusal.empty()) {
+                connection.stage = ServerConnection::Stage::Greeted;
+                greeted_.add(peer.pid);
+                refusalsLogged_.clear();
+            } else {
+                connection.stage = ServerConnection::Stage::Gone;
+                log = firstOfBurst(refusal.key);
+            }
+        }
+        if (log) logLine(refusal.line);
+        return refusal;
+    }
+
+    // The connection has ended: it counts no more.
+    void leave(ServerConnection& connection) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (connection.stage == ServerConnection::Stage::Pending) {
+            pending_.remove(connection.peer().pid);
+        } else if (connection.stage == ServerConnection::Stage::Greeted) {
+            greeted_.remove(connection.peer().pid);
+        }
+        connection.stage = ServerConnection::Stage::Gone;
+    }
+
+    // Logs a refusal that is not part of a cap's burst (a creation beyond the object cap).
+    void refused(const Refusal& refusal) {
+        bool log;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            log = firstOfBurst(refusal.key);
+        }
+        if (log) logLine(refusal.line);
+    }
+
 private:
+    // Whether the refusal `key` is the first of its burst: refusals are logged once each until a
+    // client is admitted again. Call with mutex_ held.
+    bool firstOfBurst(const std::string& key) {
+        if (refusalsLogged_.size() >= kMaxRefusalsLogged) return false;
+        return refusalsLogged_.insert(key).second;
+    }
+
     void acceptLoop() {
         pollfd fds[2] = {{listener_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
         bool resting = false;  // out of descriptors: the listener is left alone for a while
@@ -255,6 +395,40 @@ private:
         }
     }
 
+    // The refusal of a new connection from `peer` by the allow-list or the caps on pending
+    // greetings; empty when it may wait for its greeting. Call with mutex_ held.
+    Refusal pendingRefusal(const PeerCredentials& peer) const {
+        const auto& allowed = limits_.allowedUids;
+        if (std::find(allowed.begin(), allowed.end(), peer.uid) == allowed.end()) {
+            return {"uid:" + std::to_string(peer.uid),
+                    "uid " + std::to_string(peer.uid) + " may not use this service (allowedUids)",
+                    "parlex: uid " + std::to_string(peer.uid) + " (pid " +
+                        std::to_string(peer.pid) +
+                        ") may not use this service (allowedUids); refusing its connections"};
+        }
+        if (pending_.total() >= limits_.maxPendingGreetings) {
+            const std::string cap = std::to_string(limits_.maxPendingGreetings);
+            return {
+                "pending",
+                "too many connections wait for their greeting (maxPendingGreetings " + cap + ")",
+                "parlex: " + cap +
+                    " connections wait for their greeting, the most a server lets wait "
+                    "(maxPendingGreetings); refusing more, first from " +
+                    describe(peer)};
+        }
+        if (pending_.of(peer.pid) >= limits_.maxPendingGreetingsPerProcess) {
+            const std::string cap = std::to_string(limits_.maxPendingGreetingsPerProcess);
+            return {"pending:" + std::to_string(peer.pid),
+                    "too many connections of this process wait for their greeting "
+                    "(maxPendingGreetingsPerProcess " +
+                        cap + ")",
+                    "parlex: " + describe(peer) + " has " + cap +
+                        " connections waiting for their greeting, the most one process may have "
+                        "(maxPendingGreetingsPerProcess); refusing more"};
+        }
+        return {};
+    }
+
     // False when the process is out of descriptors, so that the client waits in the backlog.
     bool accept() {
         UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -267,30 +441,49 @@ private:
             return false;
         }
         outOfDescriptors_ = false;
+        ucred credentials{};
+        socklen_t length = sizeof(credentials);
+        if (::getsockopt(client.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+            return true;  // a client that is gone already: nothing to serve
+        }
+        const PeerCredentials peer{credentials.pid, credentials.uid, credentials.gid};
+        // No answer of ours, nor the refusal below, may wait on a client that does not read.
+        setSendTimeout(client.get(), limits_.callDeadline);
         std::shared_ptr<ServerConnection> connection;
-        size_t open;
+        Refusal refusal;
+        bool log = false;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_) return true;
-            // Connections already closed only wait for the reaper: they do not count.
-            open = static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(),
-                                                     [](const auto& c) { return !c->closed(); }));
-            if (open < limits_.maxConnections) {
-                connection = std::make_shared<ServerConnection>(server_, *this, std::move(client));
+            refusal = pendingRefusal(peer);
+            if (refusal.empty()) {
+                connection =
+                    std::make_shared<ServerConnection>(server_, *this, std::move(client), peer);
                 connections_.push_back(connection);
+                pending_.add(peer.pid);
+            } else {
+                log = firstOfBurst(refusal.key);
             }
         }
         if (!connection) {
-            // Closing the socket is the refusal: the client's greeting gets no answer.
-            if (!full_) {
-                logLine("parlex: " + std::to_string(open) +
-                        " clients connected, the most a server serves; refusing more");
-            }
-            full_ = true;
+            // Logged first, so that the line is there once the client knows. The client reads
+            // the reason before it finds the connection closed.
+            if (log) logLine(refusal.line);
+            sendFrame(client.get(), FrameKind::Error, 0, refusal.reason.data(),
+                      refusal.reason.size(), {});
             return true;
         }
-        full_ = false;
-        connection->start();
+        try {
+            connection->start();
+        } catch (const std::system_error&) {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                connections_.erase(std::find(connections_.begin(), connections_.end(), connection));
+            }
+            leave(*connection);
+            logLine("parlex: no thread left for a client of " + describe(peer) + "; disconnecting");
+            connection->close();
+        }
         return true;
     }
 
@@ -310,7 +503,7 @@ private:
         for (auto& connection : ended) connection->join();
     }
 
-    const ServerLimits limits_;
+    ServerLimits limits_;  // set up by the constructor, then read only
     AndroidServer& server_;
     const std::string path_;
     UniqueFd listener_;
@@ -318,28 +511,95 @@ private:
     const dev_t socketDev_;
     const ino_t socketIno_;
     std::atomic<uint64_t> nextObjectId_{1};
-    std::mutex mutex_;  // guards: connections_, stopping_
+    // guards: connections_, stopping_, pending_, greeted_, refusalsLogged_ and each connection's
+    // stage
+    std::mutex mutex_;
     std::vector<std::shared_ptr<ServerConnection>> connections_;
     bool stopping_ = false;
-    // Accept thread only: the last client was refused for the cap, or had to wait.
-    bool full_ = false;
+    PeerCounts pending_;  // connections that have not greeted yet
+    PeerCounts greeted_;
+    std::set<std::string> refusalsLogged_;  // since the last admission
+    // Accept thread only: the last client had to wait for descriptors.
     bool outOfDescriptors_ = false;
     std::thread acceptThread_;
 };
 
-ServerConnection::ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests)
+ServerConnection::ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests,
+                                   const PeerCredentials& peer)
     : server_(server),
       state_(state),
       limits_(state.limits()),
+      peer_(peer),
       requests_(std::move(requests)),
       responder_(
           requests_.get(), [this](Frame& frame) { handle(frame); },
           [this](const std::string& error) { onEnd(error); }, [this] { state_.wake(); }) {}
 
+bool ServerConnection::handshake() {
+    if (!greetedInTime()) {
+        logLine("parlex: client sent no greeting within " +
+                std::to_string(limits_.greetingDeadline.count()) + " ms; disconnecting");
+        return false;
+    }
+    Frame hello;
+    std::string error;
+    RecvStatus status = recvFrame(requests_.get(), hello, error);
+    if (status == RecvStatus::Closed) return false;
+    if (status == RecvStatus::Unreadable) {
+        logLine("parlex: out of descriptors for a client's greeting; disconnecting");
+        return false;
+    }
+    struct stat st;
+    if (status == RecvStatus::Malformed || hello.kind != FrameKind::Hello ||
+        hello.fds.size() != 1 || ::fstat(hello.fds[0].get(), &st) != 0 || !S_ISSOCK(st.st_mode) ||
+        !isSeqpacketSocket(hello.fds[0].get())) {
+        logLine("parlex: client sent a bad greeting (" +
+                (error.empty() ? std::string("not a greeting") : error) + "); disconnecting");
+        return false;
+    }
+    if (const Refusal refusal = state_.greeted(*this); !refusal.empty()) {
+        sendFrame(requests_.get(), FrameKind::Error, hello.txn, refusal.reason.data(),
+                  refusal.reason.size(), {});
+        return false;
+    }
+    // Our events may not wait on a client that does not read them.
+    setSendTimeout(hello.fds[0].get(), limits_.callDeadline);
+    {
+        std::lock_guard<std::mutex> lock(callerMutex_);
+        if (closed_) return false;
+        events_ = std::move(hello.fds[0]);
+        caller_ = std::make_unique<Caller>(
+            events_.get(), [this](bool timedOut) { close(timedOut); }, limits_.callDeadline);
+    }
+    const int rc = sendFrame(requests_.get(), FrameKind::HelloAck, hello.txn, nullptr, 0, {});
+    answered(rc);
+    return rc == 0;
+}
+
 void ServerConnection::create(Frame& frame) {
     std::string type(frame.payload.begin(), frame.payload.end());
     std::shared_ptr<AndroidImpl> object;
     std::string error;
+    {
+        std::lock_guard<std::mutex> lock(objectsMutex_);
+        if (objects_.size() + creating_ >= limits_.maxObjectsPerConnection) {
+            const std::string cap = std::to_string(limits_.maxObjectsPerConnection);
+            error = "parlex: this connection holds " + cap +
+                    " objects, the most one connection may create (maxObjectsPerConnection)";
+        } else {
+            ++creating_;
+        }
+    }
+    if (!error.empty()) {
+        state_.refused({"objects:" + std::to_string(peer_.pid), error,
+                        "parlex: a connection of " + describe(peer_) + " holds " +
+                            std::to_string(limits_.maxObjectsPerConnection) +
+                            " objects, the most one connection may create "
+                            "(maxObjectsPerConnection); refusing more"});
+        AndroidParcel empty;
+        answered(sendAnswer(requests_.get(), frame.txn, error, empty));
+        return;
+    }
     try {
         object = server_.createObject(type);
         if (!object) error = "parlex: no factory for object type '" + type + "'";
@@ -351,21 +611,25 @@ void ServerConnection::create(Frame& frame) {
         objectId = state_.nextObjectId(type);
         object->objectId_ = objectId;
         object->connection_ = weak_from_this();
+    }
+    {
         std::lock_guard<std::mutex> lock(objectsMutex_);
-        if (closed_) {
+        --creating_;
+        if (object && closed_) {
             error = "parlex: connection closed";
-        } else {
+        } else if (object) {
             objects_[objectId] = object;
         }
     }
     if (!error.empty()) {
+        // An object made for a connection that closed meanwhile goes here, outside the lock.
+        object.reset();
         AndroidParcel empty;
-        sendAnswer(requests_.get(), frame.txn, error, empty);
+        answered(sendAnswer(requests_.get(), frame.txn, error, empty));
         return;
     }
-    int rc = sendFrame(requests_.get(), FrameKind::Reply, frame.txn, objectId.data(),
-                       objectId.size(), {});
-    (void)rc;
+    answered(sendFrame(requests_.get(), FrameKind::Reply, frame.txn, objectId.data(),
+                       objectId.size(), {}));
 }
 
 void ServerConnection::onEnd(const std::string& error) {
@@ -373,6 +637,7 @@ void ServerConnection::onEnd(const std::string& error) {
         logLine("parlex: client sent a malformed frame (" + error + "); disconnecting");
     }
     close();
+    state_.leave(*this);
     std::map<std::string, std::shared_ptr<AndroidImpl>> objects;
     {
         std::lock_guard<std::mutex> lock(objectsMutex_);
@@ -400,6 +665,21 @@ void prepareRuntimeDir(const std::string& dir) {
     if (isDefault && st.st_uid != ::getuid()) {
         throw std::runtime_error("parlex: " + dir + " belongs to another user");
     }
+}
+
+// Lets the process hold the descriptors that the caps may ask for (two per connection), up to
+// the hard limit: the usual soft limit of 1024 would run out long before maxConnections.
+void raiseDescriptorLimit(const ServerLimits& limits) {
+    // Caps beyond what any system grants ask for all there is, without wrapping.
+    const size_t connections = std::min<size_t>(limits.maxConnections, 1 << 24) +
+                               std::min<size_t>(limits.maxPendingGreetings, 1 << 24);
+    const rlim_t wanted = static_cast<rlim_t>(2 * connections + 256);
+    rlimit current{};
+    if (::getrlimit(RLIMIT_NOFILE, &current) != 0 || current.rlim_cur >= wanted) return;
+    rlimit raised = current;
+    raised.rlim_cur =
+        current.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, current.rlim_max);
+    ::setrlimit(RLIMIT_NOFILE, &raised);
 }
 
 mode_t socketMode() {
@@ -457,6 +737,9 @@ void AndroidServer::start(const std::string& serviceName) { start(serviceName, S
 void AndroidServer::start(const std::string& serviceName, const ServerLimits& limits) {
     using namespace transport;
     if (state_) throw std::runtime_error("parlex: server already started");
+    if (limits.callDeadline.count() <= 0 || limits.greetingDeadline.count() <= 0) {
+        throw std::runtime_error("parlex: the server's deadlines must be positive");
+    }
     std::string path = socketPath(serviceName);
     prepareRuntimeDir(runtimeDir());
     mode_t mode = socketMode();
@@ -483,12 +766,16 @@ void AndroidServer::start(const std::string& serviceName, const ServerLimits& li
         ::unlink(path.c_str());
         throw std::runtime_error("parlex: cannot listen at " + path + ": " + why);
     }
+    raiseDescriptorLimit(limits);
     state_ = std::make_unique<ServerState>(*this, path, std::move(listener), st.st_dev, st.st_ino,
                                            limits);
 }
 
 void AndroidServer::stop() { state_.reset(); }
 
-std::optional<PeerCredentials> callingPeer() { return std::nullopt; }
+std::optional<PeerCredentials> callingPeer() {
+    if (transport::tCallingPeer == nullptr) return std::nullopt;
+    return *transport::tCallingPeer;
+}
 
 }  // namespace parlex

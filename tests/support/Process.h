@@ -4,6 +4,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -38,9 +39,10 @@ inline bool waitUntil(const std::function<bool()>& condition) {
 
 // A child whose stdin and stdout are pipes to us; stderr is shared so that its diagnostics
 // land in the test log. The peer takes the end of its stdin as the request to shut down cleanly.
+// With `uid`, the child runs as that user and group (this process must be root).
 class Process {
 public:
-    explicit Process(std::vector<std::string> argv) {
+    explicit Process(std::vector<std::string> argv, std::optional<uid_t> uid = std::nullopt) {
         // Close-on-exec, so that a child started later does not hold these pipes open; dup2 in
         // the child clears the flag on its own copies.
         int in[2];
@@ -55,6 +57,10 @@ public:
         if (pid_ == 0) {  // only async-signal-safe calls until exec: other threads may run
             ::dup2(in[0], STDIN_FILENO);
             ::dup2(out[1], STDOUT_FILENO);
+            if (uid &&
+                (::setgroups(0, nullptr) != 0 || ::setgid(*uid) != 0 || ::setuid(*uid) != 0)) {
+                ::_exit(126);
+            }
             ::execv(args[0], args.data());
             ::_exit(127);
         }
@@ -98,6 +104,7 @@ public:
     }
 
     bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
     void kill() {
         if (!running()) return;
         ::kill(pid_, SIGKILL);

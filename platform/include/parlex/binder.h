@@ -5,9 +5,14 @@
 //    dir is $PARLEX_RUNTIME_DIR when set, else $XDG_RUNTIME_DIR/parlex, else /tmp/parlex-<uid>.
 //    A directory the transport creates gets mode 0700 and the socket 0600 (or the octal mode in
 //    $PARLEX_SOCKET_MODE), so only the same user can connect unless the integrator widens it.
-//  - Every send blocks its caller until the reply, with no time-out. Incoming requests never run
-//    on a thread that waits for a reply, so a handler may call the other side, and a handler
-//    waiting for such a nested call does not hold up the requests it may depend on.
+//  - A client's calls block until the reply with no time-out; only its greeting and each
+//    object's creation and release wait at most kConnectDeadline. A server waits at most
+//    ServerLimits::callDeadline for a client's answer, or for a client to take a message off its
+//    socket, and disconnects a client that misses it. Incoming requests never run on a thread
+//    that waits for a reply, so a handler may call the other side, and a handler waiting for
+//    such a nested call does not hold up the requests it may depend on.
+//  - A server records each client's credentials as it connects, admits only the users
+//    ServerLimits allows, and caps what all clients and each peer process may hold.
 //  - A handler's exception, or a method without handler, comes back to the caller as a
 //    std::runtime_error carrying the message; so does a call that fails for a reason local to
 //    either process (a message above the limit, no descriptor left for it), which leaves the
@@ -62,9 +67,12 @@ constexpr size_t kMaxHandlerThreadsPerConnection = 16;
 // Handlers of a connection's side that may wait for answers at once; a handler whose wait would
 // go beyond it gets std::runtime_error instead of waiting.
 constexpr size_t kMaxWaitingHandlersPerConnection = 64;
-// How long AndroidClient waits for the service to answer its greeting and each object creation
-// before its constructor (or AndroidProxy's) throws std::runtime_error. A positive number of
-// milliseconds in $PARLEX_CONNECT_DEADLINE_MS replaces it.
+// How long AndroidClient waits for the service to take the connection and answer its greeting,
+// and for each object creation, before its constructor (or AndroidProxy's) throws
+// std::runtime_error ("did not answer within <N> ms"), leaving no thread or descriptor behind.
+// AndroidProxy's destructor waits as long for the release, then lets the object go with the
+// connection. A positive number of milliseconds (at most a day) in $PARLEX_CONNECT_DEADLINE_MS
+// replaces it; anything else there is ignored.
 constexpr std::chrono::milliseconds kConnectDeadline{5000};
 
 // The process at the other end of a connection, as the kernel reported it when it connected.
@@ -79,12 +87,15 @@ struct PeerCredentials {
 // player); empty on every other thread.
 std::optional<PeerCredentials> callingPeer();
 
-// What a server grants its clients. Every cap is refused with one log line naming it; the caps
-// by peer process keep one process from crowding out the others.
+// What a server grants its clients. Every cap is refused with one log line naming it and the
+// peer (once per burst: until a client is admitted again), and the client is told which cap it
+// met; the caps by peer process keep one process from crowding out the others. A peer process is
+// the pid the kernel reported when it connected.
 struct ServerLimits {
     // How long the server waits for a client to answer an event or a callback, or to take a
     // message off its socket. A client that misses it is disconnected as if it had died: its
-    // pending calls fail with dead_object and the objects it created are released.
+    // pending calls fail with dead_object and the objects it created are released. Both
+    // deadlines must be positive: AndroidServer::start throws otherwise.
     std::chrono::milliseconds callDeadline{2000};
     // How long a new connection has to send its greeting, which AndroidClient sends as soon as
     // it has connected, before it is dropped.
@@ -96,9 +107,11 @@ struct ServerLimits {
     // count against the greeted ones.
     size_t maxPendingGreetings = 64;
     size_t maxPendingGreetingsPerProcess = 8;
-    // Objects one connection may have created and not released.
+    // Objects one connection may have created and not released; a creation beyond it gets an
+    // error answer naming the cap and the connection carries on.
     size_t maxObjectsPerConnection = 16;
-    // Users that may connect; empty means the server's own user and root.
+    // Users that may connect; empty means the server's own (effective) user and root. A list
+    // that is not empty is the whole list: root and the server's user are in only if listed.
     std::vector<uid_t> allowedUids;
 };
 
@@ -110,7 +123,9 @@ void setLogHandler(std::function<void(const std::string&)> handler);
 class AndroidClient {
 public:
     // Connects to the service registered under `serviceName`; throws std::runtime_error naming
-    // the service when none is running.
+    // the service and its socket when none is running, the socket is not ours to use, the
+    // service refused the connection (with its reason when it gave one) or did not answer within
+    // kConnectDeadline.
     explicit AndroidClient(const std::string& serviceName);
     ~AndroidClient();
     AndroidClient(const AndroidClient&) = delete;
@@ -175,7 +190,8 @@ public:
 
     // Publishes the service under `serviceName` with the default ServerLimits, or with
     // `limits`; throws std::runtime_error when another live server holds the name. A socket left
-    // behind by a crashed server is replaced.
+    // behind by a crashed server is replaced. Raises the process's soft limit of descriptors, up
+    // to its hard limit, to what the caps may need (two per connection).
     void start(const std::string& serviceName);
     void start(const std::string& serviceName, const ServerLimits& limits);
     // Closes every connection, joins every transport thread and releases every object. Must
