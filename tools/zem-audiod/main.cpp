@@ -70,8 +70,7 @@ int serve(int argc, char** argv) {
         ->type_name("MS")
         ->capture_default_str();
     app.add_option("--allow-uid", allowedUids,
-                   "a user that may connect (repeatable; default: the service's own user and "
-                   "root)")
+                   "a user that may connect besides the service's own user and root (repeatable)")
         ->type_name("UID")
         ->take_all();
     app.add_option("--max-connections-per-process", limits.maxConnectionsPerProcess,
@@ -96,7 +95,12 @@ int serve(int argc, char** argv) {
         return 2;
     }
     limits.callDeadline = std::chrono::milliseconds(callDeadlineMs);
-    limits.allowedUids = allowedUids;
+    // The users named come in addition to the service's own and root, which an empty list means.
+    if (!allowedUids.empty()) {
+        limits.allowedUids = allowedUids;
+        limits.allowedUids.push_back(geteuid());
+        limits.allowedUids.push_back(0);
+    }
 
     // Blocked before any thread starts, so that every thread inherits the mask and the
     // signals reach only sigwait below.

@@ -84,8 +84,9 @@ struct PeerCredentials {
 
 // The client on whose behalf the calling thread runs: set on a server's thread while it creates
 // an object for a client or runs one of its requests (and whatever those call, such as the
-// player); empty on every other thread.
-std::optional<PeerCredentials> callingPeer();
+// player); empty on every other thread. Exported from the shared library, so that the player of
+// an embedding service can ask.
+__attribute__((visibility("default"))) std::optional<PeerCredentials> callingPeer();
 
 // What a server grants its clients. Every cap is refused with one log line naming it and the
 // peer (once per burst: until a client is admitted again), and the client is told which cap it
