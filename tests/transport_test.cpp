@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "../platform/parlex/Frame.h"
+#include "../platform/parlex/TestHooks.h"
 #include "support/Process.h"
 #include "support/RecordingLogSink.h"
 
@@ -508,44 +509,6 @@ TEST_F(EchoTest, DeathThatComesBeforeAProxyBindsDeathReachesItOnceItDoes) {
     EXPECT_EQ(witnessed, 1);
 }
 
-// A proxy whose creation is answered just as its service goes is told of the death like the
-// others, however the death's delivery and the creation interleave: the service stops a little
-// later in each round, from before its answer to well after it.
-TEST_F(TransportTest, ProxyMadeWhileTheDeathIsDeliveredIsToldOfItToo) {
-    int created = 0;
-    for (int round = 0; round < 400; ++round) {
-        std::promise<void> creating;
-        AndroidServer server;
-        server.registerFactory("Echo", [&] {
-            creating.set_value();
-            return std::make_shared<AndroidImpl>();
-        });
-        server.start(kService);
-        AndroidClient client(kService);
-        auto stopper = std::async(std::launch::async, [&] {
-            creating.get_future().wait();
-            for (auto until =
-                     std::chrono::steady_clock::now() + std::chrono::microseconds(round % 100 * 3);
-                 std::chrono::steady_clock::now() < until;) {
-            }
-            server.stop();
-        });
-        std::atomic<int> deaths{0};
-        std::unique_ptr<AndroidProxy> proxy;
-        try {
-            proxy = std::make_unique<AndroidProxy>(&client, "Echo");
-        } catch (const std::exception&) {
-            // The service went before it answered: there is no proxy to tell.
-        }
-        stopper.get();
-        if (!proxy) continue;
-        ++created;
-        proxy->bind("death", [&] { ++deaths; });
-        ASSERT_TRUE(waitUntil([&] { return deaths == 1; })) << "round " << round;
-    }
-    EXPECT_GT(created, 0);
-}
-
 // A client callback handler still runs on a pool thread when two threads stop the client; the
 // second must wait for it as the first does. A stop is no death: sends fail, "death" stays away.
 TEST_F(EchoTest, StopCalledFromTwoThreadsReturnsInBothOnceThePoolThreadsEndedAndIsNoDeath) {
@@ -720,22 +683,23 @@ INSTANTIATE_TEST_SUITE_P(Frames, MalformedFrameToServerTest,
 class MalformedFrameToClientTest : public TransportTest,
                                    public ::testing::WithParamInterface<BadFrame> {};
 
+// Plays a service at `listener` for one client until it holds one proxy; returns both channels.
+std::pair<UniqueFd, UniqueFd> serveUntilCreated(int listener) {
+    std::pair<UniqueFd, UniqueFd> channels;
+    transport::Frame hello, create;
+    if (!readable(listener)) return channels;
+    channels.first.reset(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    if (!received(channels.first.get(), hello) || hello.fds.size() != 1) return channels;
+    channels.second = std::move(hello.fds[0]);
+    transport::sendFrame(channels.first.get(), FrameKind::HelloAck, hello.txn, nullptr, 0, {});
+    if (!received(channels.first.get(), create)) return channels;
+    transport::sendFrame(channels.first.get(), FrameKind::Reply, create.txn, "Fake#1", 6, {});
+    return channels;
+}
+
 TEST_P(MalformedFrameToClientTest, ClientDisconnectsLogsItAndReportsDeathOnce) {
     const UniqueFd listener = socketAt(servicePath(), true);
-    // Plays the server until the client holds one proxy, then hands over both channels.
-    auto fake = std::async(std::launch::async, [&] {
-        std::pair<UniqueFd, UniqueFd> channels;
-        transport::Frame hello, create;
-        if (!readable(listener.get())) return channels;
-        channels.first.reset(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!received(channels.first.get(), hello) || hello.fds.size() != 1) return channels;
-        channels.second = std::move(hello.fds[0]);
-        transport::sendFrame(channels.first.get(), FrameKind::HelloAck, hello.txn, nullptr, 0, {});
-        if (!received(channels.first.get(), create)) return channels;
-        transport::sendFrame(channels.first.get(), FrameKind::Reply, create.txn, "Fake#1", 6, {});
-        return channels;
-    });
-
+    auto fake = std::async(std::launch::async, serveUntilCreated, listener.get());
     std::atomic<int> deaths{0};
     {
         AndroidClient client(kService);
@@ -754,6 +718,27 @@ TEST_P(MalformedFrameToClientTest, ClientDisconnectsLogsItAndReportsDeathOnce) {
 
 INSTANTIATE_TEST_SUITE_P(Frames, MalformedFrameToClientTest, ::testing::ValuesIn(kBadFrames),
                          ::testing::PrintToStringParamName());
+
+// A proxy whose creation was answered just before its service went is told of the death like
+// the others, although the delivery began before the proxy could be reached.
+TEST_F(TransportTest, ProxyMadeWhileTheDeathIsDeliveredIsToldOfItToo) {
+    AndroidServer server;
+    server.registerFactory("Echo", [] { return std::make_shared<AndroidImpl>(); });
+    server.start(kService);
+    AndroidClient client(kService);
+    AndroidProxy witness(&client, "Echo");
+    std::atomic<int> witnessed{0}, deaths{0};
+    witness.bind("death", [&] { ++witnessed; });
+    transport::beforeProxyRouted = [&] {
+        server.stop();
+        waitUntil([&] { return witnessed == 1; });
+    };
+    AndroidProxy late(&client, "Echo");
+    transport::beforeProxyRouted = nullptr;
+    ASSERT_EQ(witnessed, 1) << "the death came only after the proxy was reachable";
+    late.bind("death", [&] { ++deaths; });
+    EXPECT_TRUE(waitUntil([&] { return deaths == 1; }));
+}
 
 // A service runs for long and its clients come and go: what a dropped proxy or a gone client's
 // connection held must go then, not when some other client happens to disconnect later. Here
