@@ -299,17 +299,6 @@ TEST_F(TransportTest, RuntimeDirIsPrivateAndTheSocketTakesTheConfiguredMode) {
     }
 }
 
-// The codecs are tested in-process (the records' round trips read every argument type); here the
-// parcel bytes must cross unchanged, inline and out of line.
-TEST_F(EchoTest, ArgumentsCrossWithTheirBytesEitherSideOfTheInlineLimit) {
-    for (size_t size : {transport::kInlineLimit - 256, transport::kInlineLimit + 1}) {
-        const std::string text(size, 'm');
-        EXPECT_EQ(echo_.call("echoString", text).as<std::string>(), text) << size << " bytes";
-    }
-    const std::string zeros("a\0b\0", 4);
-    EXPECT_EQ(echo_.call("echoString", zeros).as<std::string>(), zeros);
-}
-
 // The size of a parcel holding `values`, a request's object id and method name included.
 template <typename... T>
 size_t parcelSize(const T&... values) {
