@@ -339,6 +339,10 @@ TEST_F(EchoTest, MessagesOfExactlyTheLimitCrossAndOneByteMoreIsRefusedBeforeItIs
                 HasSubstr("exceeds the message limit"));
     const AndroidBuffer over = patternBuffer(blob.size() + 1);
     EXPECT_THAT(errorOf([&] { echo_.call("echoBuffer", over); }), HasSubstr("blobs included"));
+    // Every blob counts: two that fit one by one do not fit together.
+    const AndroidBuffer half = patternBuffer(kMaxMessageSize / 2 + 1);
+    EXPECT_THAT(errorOf([&] { echo_.call("echoBuffer", half, half); }),
+                HasSubstr("blobs included"));
     EXPECT_EQ(echo_.call("echoInt", 7).as<int>(), 7);
 }
 
