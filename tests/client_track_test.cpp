@@ -4,8 +4,10 @@
 #include <parlex/binder.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <memory>
+#include <thread>
 
 #include "client/ZEMAudioTrackClient.h"
 #include "parlex/TrackProtocol.h"
@@ -159,23 +161,70 @@ TEST_F(EndToEndTest, GoneServiceFailsEachCallUntilTheDeathNoticeMarksItDead) {
     EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:server not running"), 1u);
 }
 
-TEST_F(ClientTest, OnlyDestroySendsDestroyAndRequestsAfterItFail) {
-    std::atomic<int> destroys{0};
-    parlex::AndroidServer server;
-    server.registerFactory(protocol::kObjectType, [&] {
-        auto track = std::make_shared<parlex::AndroidImpl>();
-        track->bind(protocol::kDestroy, [&] { ++destroys; });
-        return track;
-    });
-    server.start(protocol::kServiceName);
+// A bare service in this process whose tracks count "destroy" and how many "play" requests of
+// one track are inside at once, the most there ever were.
+class BareServiceTest : public ClientTest {
+protected:
+    void start(const parlex::ServerLimits& limits = {}) {
+        server_.registerFactory(protocol::kObjectType, [this] {
+            auto track = std::make_shared<parlex::AndroidImpl>();
+            track->bind(protocol::kDestroy, [this] { ++destroys_; });
+            track->bind(protocol::kPlay, [this, inside = std::make_shared<std::atomic<int>>(0)] {
+                const int now = ++*inside;
+                for (int seen = most_; now > seen && !most_.compare_exchange_weak(seen, now);) {
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                --*inside;
+            });
+            return track;
+        });
+        server_.start(protocol::kServiceName, limits);
+    }
+
+    std::atomic<int> destroys_{0};
+    std::atomic<int> most_{0};
+    parlex::AndroidServer server_;
+};
+
+TEST_F(BareServiceTest, OnlyDestroySendsDestroyAndRequestsAfterItFail) {
+    start();
     connect(listener_).reset();
-    EXPECT_EQ(destroys, 0);
+    EXPECT_EQ(destroys_, 0);
     auto track = connect(listener_);
     track->destroy();
-    EXPECT_EQ(destroys, 1);
+    EXPECT_EQ(destroys_, 1);
     EXPECT_FALSE(track->play());
     EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:RPC failed exception: parlex: client stopped"),
               1u);
+}
+
+// Application threads that share a track take turns: the service never has two of its requests
+// at once.
+TEST_F(BareServiceTest, ATrackSendsOneRequestAtATimeWhateverThreadsShareIt) {
+    start();
+    auto track = connect(listener_);
+    auto plays = [&] {
+        for (int i = 0; i < 20; ++i) EXPECT_TRUE(track->play());
+    };
+    auto other = std::async(std::launch::async, plays);
+    plays();
+    other.get();
+    EXPECT_EQ(most_, 1);
+}
+
+// The connection of an earlier init stays open for the rest of the process: the service still
+// counts it against this process, however long it has had to notice it gone.
+TEST_F(BareServiceTest, SecondInitLeavesTheEarlierConnectionOpen) {
+    parlex::ServerLimits limits;
+    limits.maxConnectionsPerProcess = 2;
+    start(limits);
+    auto track = connect(listener_);
+    ASSERT_TRUE(track->init(std::shared_ptr<EventListenerV3>(listener_), sink_));
+    EXPECT_TRUE(track->play());
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_THROW(parlex::AndroidClient third(protocol::kServiceName), std::runtime_error);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
 }
 
 }  // namespace

@@ -168,34 +168,37 @@ TEST_F(ServerTest, SourceIsCheckedAndConvertedForThePlayer) {
     EXPECT_EQ(sink->count(LOG_LIFECYCLE, "setSource:unsupported format"), 5u);
 }
 
+// A source counts as the same when its type and URL match and its third text matches or is
+// absent on either side. A muted track stays muted on every new source.
 TEST_F(ServerTest, SameSourceOpensBeforeReleaseAndEveryNewSourceGetsVolumeAndFocus) {
     Process& peer = client(1);
     MediaDescription third;
     third.thirdText = new char[2]{'t', 0};
+    const MediaDescription none;
     auto urlA = source<ZEMAudioSourceV4>(kSourceTypeUrl);
     auto urlB = urlA;
     urlB.setUrl("https://b");
     {
         InSequence order;
-        EXPECT_CALL(*player, setVolume(0.5f, 0));
+        EXPECT_CALL(*player, setVolume(0.0f, 0));
         EXPECT_CALL(*player, setSource(_, StrEq("c")));
-        EXPECT_CALL(*player, setVolume(0.5f, 100));
+        EXPECT_CALL(*player, setVolume(0.0f, 100));
         EXPECT_CALL(*player, setFocusSessionId(0u, 100));
         EXPECT_CALL(*player, setFocusSessionId(7u, 100));
         EXPECT_CALL(*player, setSource(_, _));  // the same source: the new one opens first
-        EXPECT_CALL(*player, setVolume(0.5f, 101));
+        EXPECT_CALL(*player, setVolume(0.0f, 101));
         EXPECT_CALL(*player, setFocusSessionId(7u, 101));
         EXPECT_CALL(*player, releaseSource(100));
         EXPECT_CALL(*player, releaseSource(101));  // another URL: the old one goes first
         EXPECT_CALL(*player, setSource(_, _));
-        EXPECT_CALL(*player, setVolume(0.5f, 102));
+        EXPECT_CALL(*player, setVolume(0.0f, 102));
         EXPECT_CALL(*player, setFocusSessionId(7u, 102));
         EXPECT_CALL(*player, releaseSource(102));  // when the client goes
     }
     const std::string set = "0 setZEMAudioSourceV4MediaDescription ";
     for (const std::string& command :
-         {"0 setVolume " + hex(0.5f), set + hex(urlA, third), "0 setFocusSessionId " + hex(7),
-          set + hex(urlA, third), set + hex(urlB, third)}) {
+         {"0 setVolume " + hex(0.0f), set + hex(urlA, third), "0 setFocusSessionId " + hex(7),
+          set + hex(urlA, none), set + hex(urlB, third)}) {
         EXPECT_THAT(send(peer, command), StartsWith("reply "));
     }
     EXPECT_EQ(sink->count(LOG_TRACE, "releaseSourceId:"), 1u);

@@ -17,9 +17,12 @@
 
 #include "Channel.h"
 #include "Messages.h"
+#include "TestHooks.h"
 #include "parlex/binder.h"
 
 namespace parlex::transport {
+
+std::function<void()> beforeProxyRouted;
 
 using Proxy = ProxyBase<AndroidClient, AndroidParcel>;
 
@@ -171,6 +174,7 @@ public:
     }
 
     std::shared_ptr<ProxyRoute> addRoute(const std::string& objectId, const Proxy* proxy) {
+        if (beforeProxyRouted) beforeProxyRouted();
         auto route = std::make_shared<ProxyRoute>(proxy);
         std::lock_guard<std::mutex> lock(routesMutex_);
         routes_[objectId] = route;
