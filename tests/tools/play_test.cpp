@@ -1,8 +1,10 @@
 // zem-play's reading of why the audio service cannot be reached: the transport's reasons, as the
-// library logs them when a track's init fails, each with the socket's path.
+// library logs them when a track's init fails, each with the socket's path. And zem-play against
+// a real service: what each kind of argument sends, and the exit status of several inputs.
 #include <gtest/gtest.h>
 
 #include "ConnectFailure.h"
+#include "support/Process.h"
 
 namespace zem {
 namespace {
@@ -19,8 +21,8 @@ TEST(ConnectFailureTest, EachTransportReasonIsToldApartWithTheSocketsPath) {
          ConnectFailure::PermissionDenied, "", "permission denied on the audio service's socket"},
         {"parlex: service 'svc' is not running (nothing listens at " + path + ")",
          ConnectFailure::NotRunning, "", "no audio service is running"},
-        {"parlex: service 'svc' at " + path + " refused the connection",
-         ConnectFailure::Refused, "", "refused the connection."},
+        {"parlex: service 'svc' at " + path + " refused the connection", ConnectFailure::Refused,
+         "", "refused the connection."},
         {"parlex: service 'svc' at " + path + " refused the connection: too many connections",
          ConnectFailure::Refused, "too many connections", "connection: too many connections."},
         {"parlex: service 'svc' at " + path + " did not answer within 5000 ms",
@@ -37,6 +39,46 @@ TEST(ConnectFailureTest, EachTransportReasonIsToldApartWithTheSocketsPath) {
     const ConnectFailure unknown = ConnectFailure::parse("parlex: socketpair failed: EMFILE");
     EXPECT_EQ(unknown.kind, ConnectFailure::Unknown);
     EXPECT_NE(unknown.explain().find("socketpair failed: EMFILE"), std::string::npos);
+}
+
+// Runs `command` through the shell in `dir`, stderr with stdout; its lines and exit status.
+std::pair<std::string, int> shell(const std::string& dir, const std::string& command) {
+    parlex::test::Process process({"/bin/sh", "-c", "cd '" + dir + "' && " + command + " 2>&1"});
+    std::string output;
+    while (std::optional<std::string> line = process.readLine()) output += *line + "\n";
+    const int status = process.finish();
+    return {output, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+TEST(ZemPlayTest, UrlsGoAsGivenPathsAsAbsoluteUrlsStdinAsPcmAndTheWorstStatusWins) {
+    parlex::test::PrivateRuntimeDir dir;
+    const std::string play = ZEM_PLAY_PATH;
+    ASSERT_EQ(shell(dir.path(), std::string(ZEM_WAVTOOL_PATH) + " generate in.wav 0.2").second, 0);
+    parlex::test::Process service({ZEM_AUDIOD_PATH, "--fast"});
+    ASSERT_TRUE(service.readUntil("ready (pid "));
+
+    auto [output, status] = shell(dir.path(), play + " --url 'no such/file 1.wav'");
+    EXPECT_NE(output.find("file://" + dir.path() + "/no%20such/file%201.wav"), std::string::npos)
+        << output;
+    EXPECT_EQ(status, 1);
+    std::tie(output, status) = shell(dir.path(), play + " 'http://example.invalid/a b.ogg'");
+    EXPECT_NE(output.find("sent as the URL http://example.invalid/a b.ogg\n"), std::string::npos)
+        << output;
+    EXPECT_EQ(status, 1);
+
+    // The samples of in.wav after its 44-byte header, as raw PCM; then the file as a WAV stream.
+    std::tie(output, status) =
+        shell(dir.path(), "tail -c +45 in.wav | " + play + " --format s16le:48000:2 -");
+    EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
+    EXPECT_EQ(status, 0);
+    std::tie(output, status) = shell(dir.path(), play + " - < in.wav");
+    EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
+    EXPECT_EQ(status, 0);
+
+    std::tie(output, status) = shell(dir.path(), play + " in.wav missing.wav in.wav");
+    EXPECT_NE(output.find("cannot play missing.wav: cannot open it"), std::string::npos) << output;
+    EXPECT_NE(output.find("received exactly"), output.rfind("received exactly")) << output;  // both
+    EXPECT_EQ(status, 1);
 }
 
 }  // namespace

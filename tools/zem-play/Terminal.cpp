@@ -75,7 +75,9 @@ std::string progressLine(const Progress& progress, size_t width) {
         (progress.durationMs >= 0 ? formatPosition(progress.durationMs) : std::string("?:??.?"));
     char state[16];
     std::snprintf(state, sizeof state, "  %-9s", progress.state.c_str());
-    const std::string level = " " + levelText(progress.db);
+    const double db =
+        progress.volume > 0 ? progress.sourceDb + 20 * std::log10(progress.volume) : -INFINITY;
+    const std::string level = " " + levelText(std::isnan(progress.sourceDb) ? NAN : db);
     const std::string volume =
         progress.volume < 1.0f
             ? "  vol " + std::to_string(std::lround(progress.volume * 100.0f)) + "%"
@@ -94,7 +96,7 @@ std::string progressLine(const Progress& progress, size_t width) {
         if (layout.meter) {
             const size_t fixed = line.size() + tail.size() + 2;  // the brackets
             if (fixed + kShortestBar > room) continue;
-            line += bar(progress.db, std::min(kLongestBar, room - fixed));
+            line += bar(db, std::min(kLongestBar, room - fixed));
         }
         line += tail;
         if (line.size() <= room) return line;

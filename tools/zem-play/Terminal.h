@@ -19,8 +19,8 @@ struct Progress {
     int64_t offsetMs = 0;
     int64_t durationMs = -1;  // unknown below 0
     std::string state;
-    double db = 0;  // the level heard, after the volume; NaN when unknown
-    float volume = 1.0f;
+    double sourceDb = 0;  // the source's own level; NaN when unknown
+    float volume = 1.0f;  // the meter shows the level after it
 };
 
 // The progress line for a terminal `width` columns wide. It stays below the last column, so that

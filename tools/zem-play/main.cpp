@@ -525,9 +525,7 @@ int playOne(Run& run, const Input& input) {
             result = kPlaybackFailed;
         }
         const int64_t frame = meter ? int64_t{offsetMs} * meter->format().rate / 1000 : 0;
-        const double heard = peakDb(meter.get(), frame);
-        const double db = run.volume > 0 ? heard + 20 * std::log10(run.volume) : -INFINITY;
-        screen.progress({offsetMs, durationMs, state, std::isnan(heard) ? NAN : db, run.volume});
+        screen.progress({offsetMs, durationMs, state, peakDb(meter.get(), frame), run.volume});
     }
     screen.finish();
 
