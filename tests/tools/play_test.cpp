@@ -81,5 +81,30 @@ TEST(ZemPlayTest, UrlsGoAsGivenPathsAsAbsoluteUrlsStdinAsPcmAndTheWorstStatusWin
     EXPECT_EQ(status, 1);
 }
 
+TEST(ZemPlayTest, UsageErrorsAndWarningsArePlainSentencesNamedAfterTheProgram) {
+    parlex::test::PrivateRuntimeDir dir;  // where no service runs
+    const std::string play = ZEM_PLAY_PATH;
+    ASSERT_EQ(shell(dir.path(), std::string(ZEM_WAVTOOL_PATH) + " generate in.wav 0.2").second, 0);
+    const struct {
+        std::string arguments;
+        int status;
+        std::string says;
+    } cases[] = {
+        {"--bogus in.wav", 2, "zem-play: The following argument was not expected: --bogus\n"},
+        {"--volume 2 in.wav", 2, "zem-play: --volume: '2' is above full volume"},
+        {"--seek=-5 in.wav", 2, "zem-play: --seek: '-5' is not a position"},
+        {"", 2, "zem-play: nothing to play"},
+        {"--seek 1:00 in.wav", 3, "zem-play: warning: --seek 1:00.0 is past the end of in.wav"},
+        {"--pause-for 5 in.wav", 3, "zem-play: warning: --pause-for has no effect"},
+        {"--format s16le:8000:1 in.wav", 3, "zem-play: warning: --format has no effect"},
+        {"--url http://x/y", 3, "zem-play: warning: --url has no effect on http://x/y"},
+    };
+    for (const auto& test : cases) {
+        const auto [output, status] = shell(dir.path(), play + " " + test.arguments);
+        EXPECT_EQ(status, test.status) << test.arguments << "\n" << output;
+        EXPECT_NE(output.find(test.says), std::string::npos) << test.arguments << "\n" << output;
+    }
+}
+
 }  // namespace
 }  // namespace zem

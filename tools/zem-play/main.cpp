@@ -174,8 +174,19 @@ private:
         for (;;) {
             if (sigwait(&signals, &received) != 0) continue;
             if (received != SIGTSTP) break;
+            // The stop reaches this thread some time after kill returns: wait for the SIGCONT
+            // (blocked everywhere, so that it waits here; an earlier one dropped first) before
+            // taking the terminal again.
+            sigset_t continued;
+            sigemptyset(&continued);
+            sigaddset(&continued, SIGCONT);
+            const timespec noWait{0, 0};
+            while (sigtimedwait(&continued, nullptr, &noWait) == SIGCONT) {
+            }
             restoreTerminal();
             ::kill(::getpid(), SIGSTOP);
+            while (sigwait(&continued, &received) != 0) {
+            }
             reenterRawMode();
         }
         if (received == SIGUSR1) return;
@@ -401,7 +412,7 @@ int playOne(Run& run, const Input& input) {
         track->destroy();
         return kPlaybackFailed;
     }
-    if (run.volume < 1.0f) track->setVolume(run.volume);
+    if (options.volume || run.volume < 1.0f) track->setVolume(run.volume);
     if (options.seekMs && (!feed || feed->seekable())) {
         const int seekMs = static_cast<int>(*options.seekMs);
         if (feed) feed->seek(int64_t{seekMs} * feed->format().rate / 1000);
@@ -493,6 +504,7 @@ int playOne(Run& run, const Input& input) {
                     if (feed) feed->seek(target * feed->format().rate / 1000);
                     track->seekTo(static_cast<int>(target), true);
                     seekedWhilePlaying = true;
+                    offsetMs = static_cast<int>(target);  // where the next key press starts
                     break;
                 }
                 case Key::VolumeUp:
@@ -682,7 +694,8 @@ int main(int argc, char** argv) {
     }
 
     // Blocked before any thread starts; one thread takes them and tells the main loop.
-    const sigset_t signals = endingSignals();
+    sigset_t signals = endingSignals();
+    sigaddset(&signals, SIGCONT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
     try {
