@@ -368,6 +368,7 @@ int playOne(Run& run, const Input& input) {
         std::lock_guard<std::mutex> lock(run.mutex);
         run.current = listener;
     }
+    if (run.interrupted) return kInterrupted;  // a signal between two inputs found no listener
     const int verbosity = options.verbosity;
     const int minLevel = verbosity == 0 ? 6 : verbosity == 1 ? 5 : std::max(1, 5 - verbosity);
     auto logger = std::make_shared<zem::ConnectFailureRecorder>(
