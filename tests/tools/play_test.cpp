@@ -1,6 +1,7 @@
 // zem-play's reading of why the audio service cannot be reached: the transport's reasons, as the
 // library logs them when a track's init fails, each with the socket's path. And zem-play against
-// a real service: what each kind of argument sends, and the exit status of several inputs.
+// a real service: what each kind of argument sends, a file cut short, and the exit status of
+// several inputs.
 #include <gtest/gtest.h>
 
 #include "ConnectFailure.h"
@@ -50,7 +51,7 @@ std::pair<std::string, int> shell(const std::string& dir, const std::string& com
     return {output, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
 }
 
-TEST(ZemPlayTest, UrlsGoAsGivenPathsAsAbsoluteUrlsStdinAsPcmAndTheWorstStatusWins) {
+TEST(ZemPlayTest, UrlsGoAsGivenPathsAsAbsoluteUrlsStdinAsPcmCutFilesEndAndTheWorstStatusWins) {
     parlex::test::PrivateRuntimeDir dir;
     const std::string play = ZEM_PLAY_PATH;
     ASSERT_EQ(shell(dir.path(), std::string(ZEM_WAVTOOL_PATH) + " generate in.wav 0.2").second, 0);
@@ -74,6 +75,21 @@ TEST(ZemPlayTest, UrlsGoAsGivenPathsAsAbsoluteUrlsStdinAsPcmAndTheWorstStatusWin
     std::tie(output, status) = shell(dir.path(), play + " - < in.wav");
     EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
     EXPECT_EQ(status, 0);
+
+    // A file cut off before the length its header declares: heard up to the cut, then a failure,
+    // rather than a service that waits for the rest for ever.
+    ASSERT_EQ(shell(dir.path(),
+                    std::string(ZEM_WAVTOOL_PATH) + " generate long.flac 2 && head -c $(($(stat -c "
+                                                    "%s long.flac) * 7 / 10)) long.flac > cut.flac")
+                  .second,
+              0);
+    std::tie(output, status) = shell(dir.path(), play + " cut.flac");
+    EXPECT_NE(output.find("cut.flac is damaged or cut short at"), std::string::npos) << output;
+    EXPECT_EQ(status, 1);
+    std::tie(output, status) =
+        shell(dir.path(), "head -c 3000 long.flac > none.flac && " + play + " none.flac");
+    EXPECT_NE(output.find("none.flac: it holds no audio"), std::string::npos) << output;
+    EXPECT_EQ(status, 1);
 
     std::tie(output, status) = shell(dir.path(), play + " in.wav missing.wav in.wav");
     EXPECT_NE(output.find("cannot play missing.wav: cannot open it"), std::string::npos) << output;

@@ -102,6 +102,7 @@ bool PcmFeed::seek(int64_t frame) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!seekable_) return false;
     frame_.clear();
+    totals_.atEnd = false;
     return input_->seek(frame);
 }
 
@@ -145,6 +146,7 @@ int PcmFeed::fill(uint8_t* buffer, int size) {
     const long got = whole == 0 ? 0 : read(buffer + done, whole, error);
     if (got > 0) done += static_cast<size_t>(got) * frameBytes;
     if (got < 0) totals_.error = error;
+    if (got == 0 && whole > 0) totals_.atEnd = true;
     const size_t rest = static_cast<size_t>(size) - done;
     if (rest > 0 && rest < frameBytes && got >= 0 && static_cast<size_t>(got) == whole) {
         // A request that ends inside a frame: send its first part now, the rest next time.

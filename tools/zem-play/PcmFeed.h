@@ -46,6 +46,9 @@ public:
         std::optional<std::chrono::steady_clock::time_point> first;  // the first request
         std::string hash;                                            // of every byte supplied
         std::string error;  // why decoding failed, when it did
+        // The input has no more audio. Since the service stops asking at the declared length,
+        // a request past it means the file ends early (a cut-off download, say).
+        bool atEnd = false;
     };
     Totals totals();
 

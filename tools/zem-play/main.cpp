@@ -321,6 +321,14 @@ struct Run {
     }
 };
 
+// Whether `feed` can supply no more although the service expects more: a decoding failure, or
+// the end of a file before the length it declares (the service stops asking at that length, so
+// a request past it means the file is short).
+bool endedEarly(zem::PcmFeed& feed) {
+    const zem::PcmFeed::Totals totals = feed.totals();
+    return !totals.error.empty() || (totals.atEnd && feed.frames() >= 0);
+}
+
 std::string describe(const Input& input) {
     return input.kind == Input::Stdin ? "stdin" : input.argument;
 }
@@ -428,6 +436,7 @@ int playOne(Run& run, const Input& input) {
     bool quitting = false;
     bool paused = false;
     bool seekedWhilePlaying = false;
+    bool cutShort = false;
     std::optional<Clock::time_point> resumeAt;
     bool pausedOnce = false;
     int offsetMs = 0;
@@ -449,6 +458,14 @@ int playOne(Run& run, const Input& input) {
                     break;
                 case zem::PlayEvent::Underrun:
                     state = "buffering";
+                    if (feed && !cutShort && endedEarly(*feed)) {
+                        // The service waits for audio that never comes: what could be decoded
+                        // has been heard, so end the playback here.
+                        cutShort = true;
+                        screen.failure(describe(input) + " is damaged or cut short at " +
+                                       formatPosition(event->offsetMs) + "; stopping there");
+                        track->stop();
+                    }
                     break;
                 case zem::PlayEvent::Metadata:
                     if (durationMs < 0 && !event->durationMs.empty()) {
@@ -460,7 +477,7 @@ int playOne(Run& run, const Input& input) {
                     offsetMs = event->offsetMs;
                     break;
                 case zem::PlayEvent::Stopped:
-                    if (!interrupted && !quitting) {
+                    if (!interrupted && !quitting && !cutShort) {
                         screen.failure("the playback of " + describe(input) +
                                        " was stopped by the service");
                     }
@@ -532,8 +549,11 @@ int playOne(Run& run, const Input& input) {
             resumeAt.reset();
             track->resume();
         }
-        if (feed && !feed->totals().error.empty()) {
-            screen.failure("cannot play " + describe(input) + ": " + feed->totals().error);
+        const zem::PcmFeed::Totals supplied = feed ? feed->totals() : zem::PcmFeed::Totals{};
+        if (feed && !cutShort && supplied.bytes == 0 && endedEarly(*feed)) {
+            screen.failure("cannot play " + describe(input) + ": " +
+                           (supplied.error.empty() ? "it holds no audio that can be decoded"
+                                                   : supplied.error));
             track->stop();
             result = kPlaybackFailed;
         }
