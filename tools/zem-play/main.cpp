@@ -53,7 +53,7 @@ const char kExamples[] = R"(Examples:
   zem-play --url song.flac              let the service open the file itself
   zem-play http://example.org/a.ogg     a URL goes to the service unchanged
   zem-play --volume -6dB --seek 1:30 a.wav b.flac
-  sox a.flac -t wav - | zem-play -      a WAV stream on stdin
+  cat song.wav | zem-play -             a WAV stream on stdin
   zem-play --format s16le:48000:2 - < a.raw
   zem-play --pause-after 2000 --pause-for 500 song.ogg
 
