@@ -67,7 +67,7 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
     const std::string shortInput = dir.path() + "/short.wav";
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", longInput, "30"}), 0);
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", shortInput, "0.3"}), 0);
-    Process service({ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/out-{id}.wav"});
+    Process service({ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/out.wav", "--track-files"});
     const std::optional<std::string> ready = service.readLine();
     ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
     {
@@ -77,7 +77,7 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
     const auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(run({ZEM_PLAY_PATH, shortInput}), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));  // paced
-    EXPECT_EQ(run({ZEM_WAVTOOL_PATH, "compare", shortInput, dir.path() + "/out-2.wav"}), 0);
+    EXPECT_EQ(run({ZEM_WAVTOOL_PATH, "compare", shortInput, dir.path() + "/out.track2.wav"}), 0);
     EXPECT_EQ(run({ZEM_AUDIOD_PATH}), 1);
     ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
     while (service.readLine()) {
@@ -163,7 +163,7 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
     ASSERT_EQ(::chmod(open.c_str(), 0644), 0);
     Process service({ZEM_AUDIOD_PATH, "--call-deadline", "300", "--allow-uid", "65534", "--sink",
-                     "wav:" + dir.path() + "/out-{id}.wav"});
+                     "wav:" + dir.path() + "/out.wav", "--track-files"});
     const std::optional<std::string> ready = service.readLine();
     ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
     const std::string nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
@@ -171,7 +171,7 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     EXPECT_TRUE(refused.process.readUntil("playback error 1"));
     EXPECT_EQ(exitStatus(refused.process.finish()), 1);
     struct stat written {};
-    EXPECT_NE(::stat((dir.path() + "/out-1.wav").c_str(), &written), 0);  // nothing played
+    EXPECT_NE(::stat((dir.path() + "/out.track1.wav").c_str(), &written), 0);  // nothing played
     EXPECT_EQ(run({"/bin/sh", "-c", nobody + ZEM_PLAY_PATH " --url " + open}), 0);
 
     std::promise<void> release;
