@@ -79,7 +79,7 @@ first_frame() {
 "$tools/zem-wavtool" generate "$work/input.wav" 5
 "$tools/zem-wavtool" generate "$work/input.flac" 2 --title "Demo tone" --artist "zem-wavtool"
 
-echo "== Starting zem-audiod: as fast as the client supplies, the mix and each track into WAV files"
+echo "== Starting zem-audiod: PCM as fast as the client supplies it, the mix and each track into WAV files"
 start_service fast --fast --sink "wav:$work/output.wav" --track-files
 
 echo "== 1. 5 s of generated stereo audio, decoded by zem-play and supplied as PCM"
@@ -87,7 +87,7 @@ echo "== 1. 5 s of generated stereo audio, decoded by zem-play and supplied as P
 "$tools/zem-wavtool" compare "$work/input.wav" "$work/output.track1.wav" | indent ||
     fail "the service's output differs from what zem-play supplied"
 
-echo "== 2. 2 s of FLAC with tags, opened by the service from its file:// URL"
+echo "== 2. 2 s of FLAC with tags, opened by the service from its file:// URL, in real time"
 "$tools/zem-play" --url "$work/input.flac" | indent || fail "zem-play exited with ${PIPESTATUS[0]}"
 "$tools/zem-wavtool" compare "$work/input.flac" "$work/output.track2.wav" | indent ||
     fail "the service's output differs from the file it played"

@@ -14,6 +14,7 @@
 
 #include "Listener.h"
 #include "Log.h"
+#include "Sink.h"
 #include "support/Process.h"
 
 namespace {
@@ -79,6 +80,20 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));  // paced
     EXPECT_EQ(run({ZEM_WAVTOOL_PATH, "compare", shortInput, dir.path() + "/out.track2.wav"}), 0);
     EXPECT_EQ(run({ZEM_AUDIOD_PATH}), 1);
+    // An output that cannot be opened ends the service before it is ready, with ALSA's own
+    // messages in its log rather than raw on stderr.
+    Shell unwritable(ZEM_AUDIOD_PATH " --sink wav:" + dir.path() + "/missing/out.wav");
+    EXPECT_TRUE(unwritable.process.readUntil("cannot open the output wav:"));
+    EXPECT_EQ(exitStatus(unwritable.process.finish()), 1);
+    if (zem::alsaAvailable()) {
+        Shell missing(ZEM_AUDIOD_PATH " --sink alsa:no-such-device");
+        std::string all;
+        while (const std::optional<std::string> line = missing.process.readLine()) all += *line;
+        EXPECT_EQ(exitStatus(missing.process.finish()), 1);
+        EXPECT_NE(all.find("cannot open the output alsa:no-such-device"), std::string::npos);
+        EXPECT_NE(all.find("HostPlayer: alsa:"), std::string::npos) << all;
+        EXPECT_EQ(all.find("ALSA lib"), std::string::npos) << all;
+    }
     ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
     while (service.readLine()) {
     }

@@ -46,7 +46,7 @@ void Mixer::waitFor(std::chrono::milliseconds timeout) {
 }
 
 void Mixer::run() {
-    PlayoutClock clock(options_.device.rate, options_.leadFrames, !options_.fast);
+    PlayoutClock clock(options_.device.rate, options_.leadFrames, true);
     clock.start(std::chrono::steady_clock::now());
     int64_t written = 0;
     for (;;) {
@@ -55,12 +55,18 @@ void Mixer::run() {
             if (stopping_) return;
         }
         const auto now = std::chrono::steady_clock::now();
-        if (!clock.wantsData(now)) {
+        if (paced_ && !clock.wantsData(now)) {
             std::this_thread::sleep_until(clock.nextPullAt(now));
             continue;
         }
+        const bool wasPaced = paced_;
         const int64_t before = written;
         if (!mixOnce(written)) continue;
+        if (paced_ && !wasPaced) {
+            // The clock restarts from here: what was written unpaced was heard at once.
+            clock = PlayoutClock(options_.device.rate, options_.leadFrames, true);
+            clock.start(std::chrono::steady_clock::now());
+        }
         clock.wrote(written - before, std::chrono::steady_clock::now());
     }
 }
@@ -80,6 +86,7 @@ bool Mixer::mixOnce(int64_t& written) {
             return trackFilePath(options_.trackFiles, nextTrack_++);
         };
     bool waiting = false;
+    bool file = false;
     for (const auto& source : sources) {
         if (source->finishedWithMixer()) {
             gone.push_back(source);
@@ -88,6 +95,7 @@ bool Mixer::mixOnce(int64_t& written) {
         const Source::Supply supply = source->prepare(period, trackFile, written);
         if (!supply.playing) continue;
         waiting = waiting || supply.waiting;
+        file = file || supply.file;
         playing.emplace_back(source, supply);
     }
     if (!gone.empty()) {
@@ -96,8 +104,10 @@ bool Mixer::mixOnce(int64_t& written) {
             sources_.erase(std::remove(sources_.begin(), sources_.end(), source), sources_.end());
         }
     }
+    // Files play in real time even in fast mode.
+    paced_ = !options_.fast || file;
     size_t frames = period;
-    if (options_.fast) {
+    if (!paced_) {
         if (waiting) {
             waitFor(2ms);
             return false;
@@ -118,7 +128,7 @@ bool Mixer::mixOnce(int64_t& written) {
         }
     }
     if (playing.empty() || frames == 0) {
-        waitFor(options_.fast ? 2ms : 10ms);
+        waitFor(paced_ ? 10ms : 2ms);
         return false;
     }
     const StreamFormat& device = options_.device;

@@ -5,8 +5,8 @@
 // from each source's read-ahead whatever it has: a source that runs dry is silent for the gap
 // (its underrun) and nobody else's audio waits for it. In fast mode the output has no clock:
 // each period is written as soon as every playing source has its share or has run dry, so that
-// the output runs as fast as its sources supply. With nothing playing the output idles, and
-// nothing is written.
+// the output runs as fast as its PCM sources supply; while a file plays, it runs in real time.
+// With nothing playing the output idles, and nothing is written.
 #pragma once
 
 #include <condition_variable>
@@ -54,6 +54,7 @@ private:
     const Options options_;
     std::unique_ptr<Sink> output_;  // the mixer thread's alone once it runs
     long long nextTrack_ = 1;       // the mixer thread's alone
+    bool paced_ = true;             // the mixer thread's alone: in real time
     std::mutex mutex_;              // guards: sources_, stopping_, wakeups_
     std::condition_variable changed_;
     std::vector<std::shared_ptr<Source>> sources_;

@@ -522,6 +522,7 @@ Source::Supply Source::prepare(size_t frames,
         }
         if (!taken.empty()) wake_.notify_all();  // room in the ring
         supply.frames = converter_->available();
+        supply.file = !pcm_;
         supply.drained = flushed_;
         // A source joins the mix once its read-ahead is full (or all of it is read, or its
         // client has no more for now), so that its audio starts unbroken even when the output

@@ -120,6 +120,7 @@ public:
         size_t frames = 0;     // output frames ready
         bool drained = false;  // its end has been read: `frames` are the last
         bool waiting = false;  // short of a period, but more is on its way
+        bool file = false;     // a file, which plays in real time
     };
     // `frames` is what the mixer wants; `track` names the file of a track that starts now.
     Supply prepare(size_t frames, const std::function<std::string(long long)>& trackFile,

@@ -3,6 +3,9 @@
 // killed service leaves a valid file behind.
 #include <sndfile.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "Sink.h"
 
 namespace zem {
@@ -55,9 +58,12 @@ std::unique_ptr<Sink> openWavSink(const std::string& path, const StreamFormat& f
             info.format |= SF_FORMAT_FLOAT;
             break;
     }
+    errno = 0;
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     if (file == nullptr) {
-        error = "cannot create " + path + ": " + sf_strerror(nullptr);
+        // The system's reason reads plainer than the library's own wording of it.
+        error =
+            "cannot create " + path + ": " + (errno ? std::strerror(errno) : sf_strerror(nullptr));
         return nullptr;
     }
     sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
