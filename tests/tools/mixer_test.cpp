@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <mutex>
@@ -104,7 +105,7 @@ TEST(MixerTest, A44kSourceInA48kOutputKeepsItsFrequencyAndLevel) {
     EXPECT_NEAR(std::sqrt(power / 38400), 0.5 / std::sqrt(2.0), 0.005);
 }
 
-// Serves its audio in real time's worth of pieces; after `stallAfter` bytes it answers nothing
+// Serves what it is asked for at once; after `stallAfter` bytes it answers nothing
 // for `stall`. Records the events.
 class Client : public orv::MediaClientDelegate {
 public:
@@ -116,6 +117,7 @@ public:
         std::string events;
     };
     int getData(uint8_t* buffer, unsigned size, long long id) override {
+        if (slowOnce.exchange(false)) std::this_thread::sleep_for(100ms);
         std::lock_guard<std::mutex> lock(mutex_);
         Stream& s = streams[id];
         const auto now = std::chrono::steady_clock::now();
@@ -168,7 +170,8 @@ public:
     void onLicenseAvailable(long long) override {}
     void onFirstDataSegmentAvailable(long long) override {}
 
-    std::mutex mutex_;  // guards: streams
+    std::atomic<bool> slowOnce{false};  // the next answer takes 100 ms
+    std::mutex mutex_;                  // guards: streams
     std::map<long long, Stream> streams;
 };
 
@@ -212,6 +215,34 @@ TEST(MixerTest, LateClientIsItsOwnUnderrunWhileAnotherSourcePlaysOnUnbroken) {
     EXPECT_EQ(sf_readf_short(file, mix.data(), 48000), 48000);
     sf_close(file);
     for (size_t i = 0; i < mix.size(); ++i) ASSERT_EQ(mix[i], steady[i]) << "frame " << i / 2;
+}
+
+TEST(MixerTest, SeekWaitsForTheReadAheadInsteadOfReportingAnUnderrun) {
+    parlex::test::PrivateRuntimeDir dir;
+    std::string error;
+    HostPlayer::Options options;
+    options.sink = *SinkSpec::parse("none", error);
+    Client client;  // outlives the player, which calls it until it goes
+    HostPlayer player(options);
+    player.setMediaClientDelegate(&client);
+    orv::SourceConfig config;
+    config.channelLayout = 3;
+    config.sampleRate = 48000;
+    config.mediaDescription.firstMap.count = 1;
+    config.mediaDescription.firstMap.pairs[0] = orv::DescriptionPair(kTotalFramesKey, "24000");
+    const long long id = player.setSource(config, "");
+    {
+        std::lock_guard<std::mutex> lock(client.mutex_);
+        client.streams[id].audio.assign(48000 * 4, 1);  // enough for what the seek repeats
+    }
+    ASSERT_EQ(player.play(id), 0);
+    ASSERT_TRUE(parlex::test::waitUntil([&] { return client.events(id) == "started"; }));
+    client.slowOnce = true;  // the audio after the seek comes late
+    ASSERT_EQ(player.seekTo(id, 100, true), 0);
+    EXPECT_EQ(player.getOffset(id), 100);
+    ASSERT_TRUE(parlex::test::waitUntil(
+        [&] { return client.events(id).find("close") != std::string::npos; }));
+    EXPECT_EQ(client.events(id), "started finished close");
 }
 
 }  // namespace

@@ -499,7 +499,12 @@ Source::Supply Source::prepare(size_t frames,
         if (state_ != kStatePlaying || released_ || closing_) return supply;
         try {
             if (mixGeneration_ != generation_ && converter_) converter_->reset();
-            if (mixGeneration_ != generation_) flushed_ = false;
+            if (mixGeneration_ != generation_) {
+                // After a seek the source waits for its read-ahead again, as at its start, and
+                // the wait is no underrun.
+                flushed_ = false;
+                refilling_ = started_;
+            }
             mixGeneration_ = generation_;
             if (!converter_) converter_ = std::make_unique<Converter>(format_, settings_.device);
             const size_t frameBytes = format_.bytesPerFrame();
@@ -530,11 +535,12 @@ Source::Supply Source::prepare(size_t frames,
         const size_t frameBytes = format_.bytesPerFrame();
         const bool allRead = endFrame_ >= 0 && readFrame_ >= endFrame_;
         const bool readAheadFull = ring_.space() / frameBytes < pullFrames() || allRead;
-        supply.playing = started_ || flushed_ ||
+        supply.playing = (started_ && !refilling_) || flushed_ ||
                          ((supply.frames >= frames || (allRead && ring_.size() == 0)) &&
                           (readAheadFull || lastPullEmpty_));
         supply.waiting =
             supply.playing && !flushed_ && supply.frames < frames && !lastPullEmpty_ && !underrun_;
+        if (supply.playing) refilling_ = false;
         joins = supply.playing && !started_ && !joined_;
         joined_ = joined_ || joins;
         // Numbered by the order in which tracks first hand the mixer audio.

@@ -189,6 +189,7 @@ private:
     int64_t mixedFrames_ = 0;  // output frames mixed since baseFrame_
     uint64_t mixGeneration_ = 0;
     bool flushed_ = false;        // the converter has its last input
+    bool refilling_ = false;      // after a seek: out of the mix until its read-ahead is back
     bool lastPullEmpty_ = false;  // the client's last answer held no audio
     int64_t endFrame_ = -1;       // the stream's last frame, when known
     int64_t seekFrame_ = -1;      // a seek the file input still has to make
