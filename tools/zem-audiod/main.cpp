@@ -58,7 +58,8 @@ int serve(int argc, char** argv) {
     parlex::ServerLimits limits;
     int callDeadlineMs = static_cast<int>(limits.callDeadline.count());
     std::vector<uid_t> allowedUids;
-    app.add_option("--sink", sinkText, "where audio goes: none, wav:PATH or alsa:DEVICE")
+    app.add_option("--sink", sinkText,
+                   "where the mix goes, opened at start: none, wav:PATH or alsa:DEVICE")
         ->type_name("SINK")
         ->capture_default_str();
     app.add_flag("--fast", fast,
