@@ -122,7 +122,8 @@ public:
         bool waiting = false;  // short of a period, but more is on its way
         bool file = false;     // a file, which plays in real time
     };
-    // `frames` is what the mixer wants; `track` names the file of a track that starts now.
+    // `frames` is what the mixer wants; `trackFile`, when set, names the file of a track that
+    // first hands over audio now; `outputFrame` is where the period being mixed begins.
     Supply prepare(size_t frames, const std::function<std::string(long long)>& trackFile,
                    int64_t outputFrame);
     // Adds `frames` output frames of this source to `mix`; what it lacks is silence, and an
