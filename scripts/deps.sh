@@ -2,7 +2,7 @@
 # and its tools build with when they are missing (as root; otherwise prints the command and stops).
 
 PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-          libsndfile1-dev libcli11-dev libasound2-dev)
+          libsndfile1-dev libsamplerate0-dev libcli11-dev libasound2-dev)
 
 install_missing_packages() {
     local missing=() package

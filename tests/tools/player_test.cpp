@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "HostPlayer.h"
+#include "PlayoutClock.h"
 #include "support/Process.h"
 
 namespace zem {
@@ -94,6 +95,7 @@ struct PlayerTest : testing::Test {
         std::string error;
         HostPlayer::Options options;
         options.sink = *SinkSpec::parse("wav:" + dir.path() + "/out.wav", error);
+        options.trackFiles = true;
         options.fast = true;
         return options;
     }
@@ -125,6 +127,7 @@ TEST_F(PlayerTest, PcmReachesTheSinkWholeAtVolumeUnderrunsOncePerStallAndEndsWhe
         {3, 0.0f, "10000", "firstByte started underrun refilled complete finished close"},
         {0, 1.0f, nullptr, "firstByte started underrun complete finished close"},
     };
+    long long track = 0;
     for (const auto& test : cases) {
         FakeClient client(audio, test.stallPulls);
         player.setMediaClientDelegate(&client);
@@ -134,7 +137,8 @@ TEST_F(PlayerTest, PcmReachesTheSinkWholeAtVolumeUnderrunsOncePerStallAndEndsWhe
         ASSERT_TRUE(client.waitFor("close"));
         EXPECT_EQ(client.events(), test.events);
         SF_INFO info{};
-        SNDFILE* file = sf_open((dir.path() + "/out.wav").c_str(), SFM_READ, &info);
+        const std::string path = dir.path() + "/out.track" + std::to_string(++track) + ".wav";
+        SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
         std::vector<uint8_t> written(audio.size());
         EXPECT_EQ(sf_read_raw(file, written.data(), static_cast<sf_count_t>(written.size())),
                   static_cast<sf_count_t>(audio.size()));
@@ -186,7 +190,7 @@ TEST_F(PlayerTest, FileSourceReportsItsTagsAndUnplayableSourcesReportWhy) {
         config.setUrl(url.c_str());
         const long long id = player.setSource(config, "cluster");
         player.play(id);
-        ASSERT_TRUE(client.waitFor(events.substr(events.rfind(' ') + 1))) << url;
+        ASSERT_TRUE(client.waitFor(events.substr(events.rfind(' ') + 1))) << url << client.events();
         EXPECT_EQ(client.events(), events) << url;
         player.releaseSource(id);
     }
@@ -323,7 +327,7 @@ TEST_F(PlayerTest, ClientProcessGetsItsShareOfSourcesAndPlaysOnlyFilesItCouldRea
     EXPECT_EQ(sharedPlayer.play(refused), -1);
     EXPECT_TRUE(client.waitFor("error1"));
     struct stat written {};
-    EXPECT_NE(::stat((dir.path() + "/out.wav").c_str(), &written), 0);  // nothing reached it
+    EXPECT_NE(::stat((dir.path() + "/out.track1.wav").c_str(), &written), 0);  // nothing played
 }
 
 // Files owned by this process's user, checked for synthetic peers: another user, a member of
@@ -392,24 +396,21 @@ TEST(AccessTest, PeerReadsOnlyWhatItsOwnRightsAllowThroughEveryDirectoryAndLink)
     EXPECT_TRUE(peerIdentity(::getpid(), me + 1, group).groups.empty());  // a reused pid
 }
 
-TEST(WavSinkTest, HeaderCarriesTheStreamFormatAndConcurrentSourcesGetTheirOwnFile) {
+TEST(WavSinkTest, HeaderCarriesTheStreamFormatTracksAreNamedByOrderAndBadPathsFailAtOnce) {
     parlex::test::PrivateRuntimeDir dir;
     std::string error;
-    SinkFactory sinks(*SinkSpec::parse("wav:" + dir.path() + "/out.wav", error));
     const std::pair<StreamFormat, int> cases[] = {
         {{SampleType::S16, 16, 8000, 1}, SF_FORMAT_PCM_16},
         {{SampleType::S32, 24, 44100, 2}, SF_FORMAT_PCM_24},
         {{SampleType::F32, 32, 96000, 2}, SF_FORMAT_FLOAT}};
     for (const auto& [format, subtype] : cases) {
         const int32_t samples[4] = {1 << 16, -(1 << 16), 0x7fffff00, -0x7fffff00};
-        std::string paths[2];
-        auto sink = sinks.open(1, format, paths[0], error);
-        auto other = sinks.open(2, format, paths[1], error);
-        ASSERT_TRUE(sink && other) << error;
-        EXPECT_EQ(paths[1], dir.path() + "/out.2.wav");
+        const std::string path = dir.path() + "/out.wav";
+        auto sink = openWavSink(path, format, error);
+        ASSERT_TRUE(sink) << error;
         ASSERT_TRUE(sink->write(reinterpret_cast<const uint8_t*>(samples), 2, error));
         SF_INFO info{};
-        SNDFILE* file = sf_open(paths[0].c_str(), SFM_READ, &info);  // while the sink still writes
+        SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);  // while the sink still writes
         int32_t readBack[4] = {};
         sf_read_int(file, readBack, 2 * format.channels);
         sf_close(file);
@@ -417,6 +418,17 @@ TEST(WavSinkTest, HeaderCarriesTheStreamFormatAndConcurrentSourcesGetTheirOwnFil
         EXPECT_EQ(info.samplerate * 10 + info.channels, format.rate * 10 + format.channels);
         EXPECT_EQ(info.frames, 2);
         EXPECT_TRUE(format.type != SampleType::S32 || readBack[3] == samples[3]);
+    }
+    EXPECT_EQ(trackFilePath("/a.b/out.wav", 2), "/a.b/out.track2.wav");
+    EXPECT_EQ(trackFilePath("/a.b/out", 1), "/a.b/out.track1");
+    EXPECT_FALSE(SinkSpec::parse("wav:/tmp/out-{id}.wav", error));
+
+    HostPlayer::Options options;
+    options.sink = *SinkSpec::parse("wav:" + dir.path() + "/missing/out.wav", error);
+    EXPECT_THROW(HostPlayer player(options), std::runtime_error);
+    if (alsaAvailable()) {
+        options.sink = *SinkSpec::parse("alsa:no-such-device", error);
+        EXPECT_THROW(HostPlayer player(options), std::runtime_error);
     }
 }
 

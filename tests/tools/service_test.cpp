@@ -1,10 +1,12 @@
 // The programs across processes: the service outlives a client killed mid-playback and keeps
 // serving bit-exact audio at the stream's pace; a second service, and a client without one, fail
 // with their documented exit status; SIGTERM stops the service cleanly, and zem-play promptly
-// whatever it waits for; a client of another user plays only the files it could read itself.
+// whatever it waits for; a client of another user plays only the files it could read itself; a
+// client that falls behind is its own underrun, and another client's audio plays on unbroken.
 #include <gtest/gtest.h>
 #include <orv/ZEMAudioTrack.h>
 #include <parlex/binder.h>
+#include <sndfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,6 +16,8 @@
 
 #include "Listener.h"
 #include "Log.h"
+#include "Sink.h"
+#include "Source.h"
 #include "support/Process.h"
 
 namespace {
@@ -67,7 +71,7 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
     const std::string shortInput = dir.path() + "/short.wav";
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", longInput, "30"}), 0);
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", shortInput, "0.3"}), 0);
-    Process service({ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/out-{id}.wav"});
+    Process service({ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/out.wav", "--track-files"});
     const std::optional<std::string> ready = service.readLine();
     ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
     {
@@ -77,8 +81,22 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
     const auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(run({ZEM_PLAY_PATH, shortInput}), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));  // paced
-    EXPECT_EQ(run({ZEM_WAVTOOL_PATH, "compare", shortInput, dir.path() + "/out-2.wav"}), 0);
+    EXPECT_EQ(run({ZEM_WAVTOOL_PATH, "compare", shortInput, dir.path() + "/out.track2.wav"}), 0);
     EXPECT_EQ(run({ZEM_AUDIOD_PATH}), 1);
+    // An output that cannot be opened ends the service before it is ready, with ALSA's own
+    // messages in its log rather than raw on stderr.
+    Shell unwritable(ZEM_AUDIOD_PATH " --sink wav:" + dir.path() + "/missing/out.wav");
+    EXPECT_TRUE(unwritable.process.readUntil("cannot open the output wav:"));
+    EXPECT_EQ(exitStatus(unwritable.process.finish()), 1);
+    if (zem::alsaAvailable()) {
+        Shell missing(ZEM_AUDIOD_PATH " --sink alsa:no-such-device");
+        std::string all;
+        while (const std::optional<std::string> line = missing.process.readLine()) all += *line;
+        EXPECT_EQ(exitStatus(missing.process.finish()), 1);
+        EXPECT_NE(all.find("cannot open the output alsa:no-such-device"), std::string::npos);
+        EXPECT_NE(all.find("HostPlayer: alsa:"), std::string::npos) << all;
+        EXPECT_EQ(all.find("ALSA lib"), std::string::npos) << all;
+    }
     ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
     while (service.readLine()) {
     }
@@ -163,7 +181,7 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
     ASSERT_EQ(::chmod(open.c_str(), 0644), 0);
     Process service({ZEM_AUDIOD_PATH, "--call-deadline", "300", "--allow-uid", "65534", "--sink",
-                     "wav:" + dir.path() + "/out-{id}.wav"});
+                     "wav:" + dir.path() + "/out.wav", "--track-files"});
     const std::optional<std::string> ready = service.readLine();
     ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
     const std::string nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
@@ -171,7 +189,7 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     EXPECT_TRUE(refused.process.readUntil("playback error 1"));
     EXPECT_EQ(exitStatus(refused.process.finish()), 1);
     struct stat written {};
-    EXPECT_NE(::stat((dir.path() + "/out-1.wav").c_str(), &written), 0);  // nothing played
+    EXPECT_NE(::stat((dir.path() + "/out.track1.wav").c_str(), &written), 0);  // nothing played
     EXPECT_EQ(run({"/bin/sh", "-c", nobody + ZEM_PLAY_PATH " --url " + open}), 0);
 
     std::promise<void> release;
@@ -196,6 +214,90 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     EXPECT_EQ(exitStatus(service.finish()), 0);
     release.set_value();
     ::unsetenv("PARLEX_SOCKET_MODE");
+}
+
+// Supplies silence; once, a third of a second into its stream, it takes 300 ms to answer.
+class LateListener : public zem::Listener {
+public:
+    LateListener() : zem::Listener(nullptr) {}
+    int getBuffer(uint8_t* buffer, int size) override {
+        if (supplied < 16000 * 4 && supplied + size >= 16000 * 4)
+            std::this_thread::sleep_for(300ms);
+        std::memset(buffer, 0, static_cast<size_t>(size));
+        supplied += size;
+        return size;
+    }
+    void onPlaybackStarted(long long, const orv::MediaPlayerStateV2&) override { started = true; }
+    void onBufferUnderrun(long long, const orv::MediaPlayerStateV2&) override { ++underruns; }
+    void onBufferRefilled(long long, const orv::MediaPlayerStateV2&) override { ++refills; }
+    void onPlaybackFinished(long long, const orv::MediaPlayerStateV2&) override { finished = true; }
+    int supplied = 0;  // the library calls getBuffer for one source at a time
+    std::atomic<bool> started{false};
+    std::atomic<bool> finished{false};
+    std::atomic<int> underruns{0};
+    std::atomic<int> refills{0};
+};
+
+std::vector<short> readWav(const std::string& path) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (file == nullptr) return {};
+    std::vector<short> samples(static_cast<size_t>(info.frames * info.channels));
+    sf_readf_short(file, samples.data(), info.frames);
+    sf_close(file);
+    return samples;
+}
+
+TEST(ServiceTest, LateClientIsHeardAsItsOwnUnderrunAndAnotherClientPlaysOnUnbroken) {
+    parlex::test::PrivateRuntimeDir dir;
+    const std::string input = dir.path() + "/steady.wav";
+    ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", input, "0.8"}), 0);
+    Process service({ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/mix.wav"});
+    const std::optional<std::string> ready = service.readLine();
+    ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
+    auto listener = std::make_shared<LateListener>();
+    std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
+    ASSERT_TRUE(track->init(std::shared_ptr<orv::EventListenerV3>(listener),
+                            std::make_shared<zem::StderrLogSink>("test", 6)));
+    orv::ZEMAudioSourceV4 source;
+    source.type = orv::kSourceTypePcm;
+    source.format.sampleRate = 48000;
+    source.format.sampleSizeInBits = 16;
+    source.format.channelNum = 2;
+    source.format.isSigned = true;
+    source.format.layout = 1;
+    orv::MediaDescription length;
+    length.firstMap.count = 1;
+    length.firstMap.pairs[0] = orv::DescriptionPair(zem::kTotalFramesKey, "48000");
+    ASSERT_GT(track->setSource(source, length), 0);
+    track->play();
+    ASSERT_TRUE(parlex::test::waitUntil([&] { return listener->started.load(); }));
+    {
+        Process other({ZEM_PLAY_PATH, "--url", input});  // the other client, in its own process
+        std::string events;
+        while (const std::optional<std::string> line = other.readLine()) events += *line + "\n";
+        EXPECT_EQ(exitStatus(other.finish()), 0);
+        EXPECT_EQ(events.find("underrun"), std::string::npos) << events;
+    }
+    ASSERT_TRUE(parlex::test::waitUntil([&] { return listener->finished.load(); }));
+    EXPECT_EQ(listener->underruns.load(), 1);
+    EXPECT_EQ(listener->refills.load(), 1);
+    track->destroy();
+    ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
+    while (service.readLine()) {
+    }
+    EXPECT_EQ(exitStatus(service.finish()), 0);
+    // The late client supplied silence: the mix is the other client's audio, whole, from where
+    // it started.
+    const std::vector<short> steady = readWav(input);
+    const std::vector<short> mix = readWav(dir.path() + "/mix.wav");
+    size_t start = 0;
+    while (start < mix.size() && mix[start] == 0) ++start;
+    start -= start % 2;
+    ASSERT_GE(mix.size(), start + steady.size());
+    for (size_t i = 0; i < steady.size(); ++i) {
+        ASSERT_EQ(mix[start + i], steady[i]) << "frame " << i / 2;
+    }
 }
 
 }  // namespace

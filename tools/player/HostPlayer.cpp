@@ -1,15 +1,46 @@
 #include "HostPlayer.h"
 
+#include <algorithm>
+#include <stdexcept>
 #include <system_error>
 
 namespace zem {
 
 using Clock = std::chrono::steady_clock;
 
-HostPlayer::HostPlayer(Options options)
-    : options_(std::move(options)), log_(options_.log, "HostPlayer"), sinks_(options_.sink) {}
+namespace {
 
-HostPlayer::~HostPlayer() { shutdown(Clock::time_point::max()); }
+// The output's period and how much of it is kept queued ahead of its clock.
+constexpr int64_t kPeriodMs = 10;
+constexpr int64_t kLeadPeriods = 4;
+
+}  // namespace
+
+HostPlayer::HostPlayer(Options options)
+    : options_(std::move(options)), log_(options_.log, "HostPlayer") {
+    std::string error;
+    std::unique_ptr<Sink> output = openOutput(options_.sink, options_.device, &log_, error);
+    if (!output) throw std::runtime_error(error);
+    Mixer::Options mixing;
+    mixing.device = options_.device;
+    mixing.fast = options_.fast;
+    mixing.periodFrames = std::max<int64_t>(options_.device.rate * kPeriodMs / 1000, 1);
+    mixing.leadFrames = mixing.periodFrames * kLeadPeriods;
+    if (options_.trackFiles && options_.sink.kind == SinkSpec::Kind::Wav) {
+        mixing.trackFiles = options_.sink.target;
+    }
+    mixing.log = &log_;
+    mixer_ = std::make_unique<Mixer>(std::move(output), mixing);
+}
+
+HostPlayer::~HostPlayer() {
+    shutdown(Clock::time_point::max());
+    mixer_->stop();
+}
+
+std::chrono::milliseconds HostPlayer::latency() const {
+    return std::chrono::milliseconds(kPeriodMs * kLeadPeriods) + SourceSettings().ring;
+}
 
 bool HostPlayer::shutdown(Clock::time_point deadline) {
     std::vector<std::shared_ptr<Source>> sources;
@@ -28,6 +59,8 @@ bool HostPlayer::shutdown(Clock::time_point deadline) {
             ended = false;
         }
     }
+    // A thread still busy may yet wake the mixer: it then stays, idle, until the player goes.
+    if (ended) mixer_->stop();
     return ended;
 }
 
@@ -43,9 +76,10 @@ long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*c
     }
     SourceSettings settings;
     settings.delegate = delegate_;
-    settings.sinks = &sinks_;
     settings.log = &log_;
-    settings.fast = options_.fast;
+    settings.device = options_.device;
+    Mixer* mixer = mixer_.get();
+    settings.wakeMixer = [mixer] { mixer->wake(); };
     // Taken on the thread that runs the client's request; none means the service itself.
     const std::optional<parlex::PeerCredentials> client = options_.callingPeer();
     long long id = 0;
@@ -87,6 +121,7 @@ long long HostPlayer::setSource(const orv::SourceConfig& config, const char* /*c
         return 0;
     }
     log_(orv::LOG_LIFECYCLE, "setSource", "source %lld: %s", id, source->describe().c_str());
+    mixer_->add(source);
     sources_[id] = std::move(source);
     return id;
 }

@@ -1,5 +1,6 @@
 // The reference audio service's player: the OrvServerHandlerInterface that zem-audiod hands to
-// ZEMAudioServer. Every source it opens gets its own Source with its own player thread; the
+// ZEMAudioServer. It opens the one output when it is made, and every source it opens gets its
+// own Source, with its own thread reading ahead, that the mixer mixes into that output; the
 // player only keeps the table of sources and answers for unknown ids.
 //
 // Released sources are not joined on the caller's thread: release may run inside a track's
@@ -20,6 +21,7 @@
 
 #include "Access.h"
 #include "Log.h"
+#include "Mixer.h"
 #include "Sink.h"
 #include "Source.h"
 
@@ -38,6 +40,9 @@ class HostPlayer : public orv::OrvServerHandlerInterface {
 public:
     struct Options {
         SinkSpec sink;
+        // The output's format: every source is converted to it.
+        StreamFormat device{SampleType::S16, 16, 48000, 2};
+        bool trackFiles = false;  // a WAV output also keeps one file per track
         bool fast = false;
         std::shared_ptr<orv::LoggingDelegate> log;
         size_t maxSources = 64;  // open at once, so that one client cannot exhaust the threads
@@ -51,6 +56,7 @@ public:
             openFile = openReadableBy;
     };
 
+    // Opens the output; throws std::runtime_error, saying why, when it cannot.
     explicit HostPlayer(Options options);
     ~HostPlayer() override;
 
@@ -58,6 +64,9 @@ public:
     // and waits for their threads until `deadline`. False when a thread is still busy then (a
     // client that does not answer a data request); the delegate must not go away in that case.
     bool shutdown(std::chrono::steady_clock::time_point deadline);
+    // From a source's audio arriving to its being heard, at most: its read-ahead and the
+    // output's lead.
+    std::chrono::milliseconds latency() const;
 
     void setMediaClientDelegate(orv::MediaClientDelegate* delegate) override;
     long long setSource(const orv::SourceConfig& config, const char* clusterId) override;
@@ -88,7 +97,7 @@ private:
 
     Options options_;
     Log log_;
-    SinkFactory sinks_;
+    std::unique_ptr<Mixer> mixer_;
     std::atomic<orv::MediaClientDelegate*> delegate_{nullptr};
     std::mutex mutex_;  // guards: sources_, opening_, owners_, perProcess_, retired_, nextId_,
                         // closing_

@@ -1,12 +1,11 @@
-// The output device's clock as the player models it: how much of the audio handed to the sink
-// has been heard by now. It decides when a source pulls its next period (real-time pacing) and
-// when the device has run dry (a buffer underrun).
+// The output device's clock as the mixer models it: how much of the audio handed to the sink
+// has been heard by now. It decides when the mixer writes its next period (real-time pacing).
 //
-// In real time the device plays `rate` frames a second and the player keeps `lead` frames queued
+// In real time the device plays `rate` frames a second and the mixer keeps `lead` frames queued
 // ahead of it. In fast mode the device is infinitely fast: everything written counts as played
-// at once, so the pace is set by how fast the source can supply.
+// at once. A device left dry (nothing was playing) restarts from the end of what it played.
 //
-// Positions are absolute stream frames. Not thread-safe: its source guards it.
+// Positions are absolute frames. Not thread-safe: the mixer's thread alone uses it.
 #pragma once
 
 #include <chrono>

@@ -23,6 +23,12 @@ std::optional<SinkSpec> SinkSpec::parse(const std::string& text, std::string& er
             error = "'" + kind + ":' needs a " + (kind == "wav" ? "file path" : "device name");
             return std::nullopt;
         }
+        if (spec.kind == Kind::Wav && spec.target.find("{id}") != std::string::npos) {
+            error =
+                "the WAV sink writes one file, the mix: drop '{id}' and add --track-files "
+                "for one file per track";
+            return std::nullopt;
+        }
         if (spec.kind == Kind::Alsa && !alsaAvailable()) {
             error = "this build has no ALSA support (libasound was not found at build time)";
             return std::nullopt;
@@ -45,50 +51,33 @@ std::string SinkSpec::describe() const {
     return "?";
 }
 
-std::unique_ptr<Sink> SinkFactory::open(long long sourceId, const StreamFormat& format,
-                                        std::string& where, std::string& error) {
-    switch (spec_.kind) {
+std::unique_ptr<Sink> openOutput(const SinkSpec& spec, const StreamFormat& format, const Log* log,
+                                 std::string& error) {
+    switch (spec.kind) {
         case SinkSpec::Kind::None:
-            where = "none";
             return std::make_unique<NullSink>();
         case SinkSpec::Kind::Wav:
-            where = claimWavPath(sourceId);
-            return openWavSink(*this, where, format, error);
+            return openWavSink(spec.target, format, error);
         case SinkSpec::Kind::Alsa:
-            where = "alsa:" + spec_.target;
-            return openAlsaSink(spec_.target, format, error);
+            return openAlsaSink(spec.target, format, log, error);
     }
     return nullptr;
 }
 
-std::string SinkFactory::claimWavPath(long long sourceId) {
-    const std::string id = std::to_string(sourceId);
-    std::string path = spec_.target;
-    const size_t marker = path.find("{id}");
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (marker != std::string::npos) {
-        path.replace(marker, 4, id);
-    } else if (wavPathsInUse_.count(path) != 0) {
-        const size_t slash = path.rfind('/');
-        size_t dot = path.rfind('.');
-        if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) {
-            dot = path.size();
-        }
-        path.insert(dot, "." + id);
-    }
-    wavPathsInUse_.insert(path);
+std::string trackFilePath(const std::string& mixPath, long long track) {
+    std::string path = mixPath;
+    const size_t slash = path.rfind('/');
+    size_t dot = path.rfind('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) dot = path.size();
+    path.insert(dot, ".track" + std::to_string(track));
     return path;
-}
-
-void SinkFactory::releaseWavPath(const std::string& path) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    wavPathsInUse_.erase(path);
 }
 
 #ifndef ZEM_HAVE_ALSA
 bool alsaAvailable() { return false; }
 
-std::unique_ptr<Sink> openAlsaSink(const std::string&, const StreamFormat&, std::string& error) {
+std::unique_ptr<Sink> openAlsaSink(const std::string&, const StreamFormat&, const Log*,
+                                   std::string& error) {
     error = "this build has no ALSA support";
     return nullptr;
 }

@@ -1,15 +1,15 @@
-// Where a source's audio goes once the player has it: nowhere, a WAV file per source, or an ALSA
-// device (when the build found libasound). Each playing source opens its own sink.
+// Where the mix goes: nowhere, a WAV file, or an ALSA device (when the build found libasound).
+// The service opens its one output when it starts; a WAV output may also keep one file per
+// track beside the mix, for checks that compare a source bit for bit.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 
+#include "Log.h"
 #include "StreamFormat.h"
 
 namespace zem {
@@ -33,31 +33,22 @@ struct SinkSpec {
 
 bool alsaAvailable();
 
-// Opens sinks for sources. A WAV path may hold "{id}", replaced by the source id; a source
-// opened while another still writes the same path gets its id put before the extension instead,
-// so that concurrent sources never write into one file.
-class SinkFactory {
-public:
-    explicit SinkFactory(SinkSpec spec) : spec_(std::move(spec)) {}
+// Opens the service's output in the device's format; null with `error` set when it cannot be
+// opened (a device missing or busy, a path that cannot be written). ALSA's own messages go to
+// `log`, which must outlive every ALSA sink.
+std::unique_ptr<Sink> openOutput(const SinkSpec& spec, const StreamFormat& format, const Log* log,
+                                 std::string& error);
 
-    // Null with `error` set when the sink cannot be opened; `where` names what was opened.
-    std::unique_ptr<Sink> open(long long sourceId, const StreamFormat& format, std::string& where,
-                               std::string& error);
-    const SinkSpec& spec() const { return spec_; }
-    // Called by a WAV sink when it no longer writes `path`.
-    void releaseWavPath(const std::string& path);
+// The file of the `track`th track beside a mix written to `mixPath`: "out.wav" gives
+// "out.track1.wav", "out.track2.wav", ...
+std::string trackFilePath(const std::string& mixPath, long long track);
 
-private:
-    std::string claimWavPath(long long sourceId);
-
-    SinkSpec spec_;
-    std::mutex mutex_;  // guards: wavPathsInUse_
-    std::set<std::string> wavPathsInUse_;
-};
-
-std::unique_ptr<Sink> openWavSink(SinkFactory& owner, const std::string& path,
-                                  const StreamFormat& format, std::string& error);
+std::unique_ptr<Sink> openWavSink(const std::string& path, const StreamFormat& format,
+                                  std::string& error);
+// How long the ALSA device's own buffer is: above the mixer's lead, so that the mixer's clock,
+// not a blocking write, paces the output.
+inline constexpr unsigned int kAlsaBufferMs = 80;
 std::unique_ptr<Sink> openAlsaSink(const std::string& device, const StreamFormat& format,
-                                   std::string& error);
+                                   const Log* log, std::string& error);
 
 }  // namespace zem

@@ -71,7 +71,7 @@ struct Source::Event {
 
 Source::Source(long long id, const orv::SourceConfig& config, const SourceSettings& settings,
                OpenedFile file)
-    : id_(id), pcm_(config.type == orv::kSourceTypePcm), settings_(settings), clock_(1, 0, true) {
+    : id_(id), pcm_(config.type == orv::kSourceTypePcm), settings_(settings) {
     if (pcm_) {
         format_.type = config.sampleFormat == 2 ? SampleType::S32 : SampleType::S16;
         format_.bits = config.sampleFormat == 2 ? 32 : 16;
@@ -109,14 +109,15 @@ Source::Source(long long id, const orv::SourceConfig& config, const SourceSettin
         description_ = "file " + formatName_ + " " + format_.describe();
     }
     if (config.volumeGain > 0.0f && config.volumeGain <= 1.0f) volume_ = config.volumeGain;
-    const bool realTime = !(pcm_ && settings_.fast);
-    clock_ = PlayoutClock(format_.rate, settings_.periodFrames * settings_.leadPeriods, realTime);
     if (config.startOffset > 0 && format_.rate > 0) {
         int64_t startFrame = int64_t{config.startOffset} * format_.rate / 1000;
         if (endFrame_ >= 0) startFrame = std::min(startFrame, endFrame_);
-        clock_.seek(startFrame, Clock::now());
+        readFrame_ = baseFrame_ = startFrame;
         seekFrame_ = startFrame;
     }
+    const size_t ringFrames = std::max<size_t>(
+        static_cast<size_t>(int64_t{format_.rate} * settings_.ring.count() / 1000), 64);
+    ring_ = ByteRing(ringFrames * format_.bytesPerFrame());
     pullBuffer_.resize(static_cast<size_t>(settings_.periodFrames) * format_.bytesPerFrame());
 }
 
@@ -143,19 +144,17 @@ int Source::play() {
         return -1;
     }
     state_ = kStatePlaying;
-    clock_.start(Clock::now());
-    if (!tags_.empty()) outbox_.push_back({Event::Metadata, positionMs(Clock::now()), state_});
+    if (!tags_.empty()) outbox_.push_back({Event::Metadata, positionMs(), state_});
     wake_.notify_all();
+    if (settings_.wakeMixer) settings_.wakeMixer();
     return 0;
 }
 
 int Source::pause() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != kStatePlaying) return -1;
-    const auto now = Clock::now();
-    clock_.pause(now);
     state_ = kStatePaused;
-    outbox_.push_back({Event::Paused, positionMs(now), state_});
+    outbox_.push_back({Event::Paused, positionMs(), state_});
     wake_.notify_all();
     return 0;
 }
@@ -168,11 +167,10 @@ int Source::resume() {
 }
 
 void Source::resumeLocked() {
-    const auto now = Clock::now();
-    clock_.start(now);
     state_ = kStatePlaying;
-    outbox_.push_back({Event::Resumed, positionMs(now), state_});
+    outbox_.push_back({Event::Resumed, positionMs(), state_});
     wake_.notify_all();
+    if (settings_.wakeMixer) settings_.wakeMixer();
 }
 
 int Source::stop() {
@@ -185,18 +183,20 @@ int Source::stop() {
 int Source::seekTo(int offsetMs, bool fromStart) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (ended() || format_.rate == 0) return -1;
-    const auto now = Clock::now();
-    const int32_t before = positionMs(now);
-    const int64_t current = clock_.played(now);
+    const int32_t before = positionMs();
+    const int64_t current = heardFrame();
     int64_t target = int64_t{offsetMs} * format_.rate / 1000 + (fromStart ? 0 : current);
     target = std::max<int64_t>(target, 0);
     if (endFrame_ >= 0) target = std::min(target, endFrame_);
-    clock_.seek(target, now);
-    seekFrame_ = target;
+    readFrame_ = baseFrame_ = seekFrame_ = target;
+    mixedFrames_ = 0;
+    ring_.clear();
+    pending_.clear();
     ++generation_;
     bufferingComplete_ = false;
+    lastPullEmpty_ = false;
     Event event{Event::Seeked, before, stateCode()};
-    event.afterOffsetMs = positionMs(now);
+    event.afterOffsetMs = positionMs();
     event.afterStateCode = stateCode();
     outbox_.push_back(event);
     wake_.notify_all();
@@ -217,12 +217,12 @@ void Source::setFocusSessionId(unsigned int id) {
 
 int Source::offsetMs() {
     std::lock_guard<std::mutex> lock(mutex_);
-    return positionMs(Clock::now());
+    return positionMs();
 }
 
 orv::MediaPlayerStateV2 Source::state() {
     std::lock_guard<std::mutex> lock(mutex_);
-    return orv::MediaPlayerStateV2(positionMs(Clock::now()), stateCode(),
+    return orv::MediaPlayerStateV2(positionMs(), stateCode(),
                                    orv::MediaPlayerProtection("none", false),
                                    pcm_ ? "pcm" : "file");
 }
@@ -237,7 +237,7 @@ orv::PlaybackAttributes Source::attributes() {
 orv::PlaybackReportArray Source::reports() {
     std::lock_guard<std::mutex> lock(mutex_);
     const std::pair<const char*, uint64_t> counters[] = {
-        {"frames-written", static_cast<uint64_t>(std::max<int64_t>(clock_.written(), 0))},
+        {"frames-written", static_cast<uint64_t>(std::max<int64_t>(heardFrame(), 0))},
         {"bytes-received", bytesReceived_},
         {"pulls", pulls_},
         {"underruns", underruns_},
@@ -268,7 +268,7 @@ void Source::shutdown() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (released_ || closing_) return;
     closing_ = true;
-    outbox_.push_back({Event::StopRequested, positionMs(Clock::now()), stateCode()});
+    outbox_.push_back({Event::StopRequested, positionMs(), stateCode()});
     if (!ended()) end(kStateStopped);
     wake_.notify_all();
 }
@@ -283,9 +283,16 @@ bool Source::waitEnded(Clock::time_point deadline) {
 
 // --- helpers, called with mutex_ held ---
 
-int32_t Source::positionMs(PlayoutClock::Time now) const {
-    return toMs(clock_.played(now), format_.rate);
+// The stream frame heard so far: where mixing started plus what was mixed since, at the
+// source's own rate.
+int64_t Source::heardFrame() const {
+    if (state_ == kStateFinished && endFrame_ >= 0) return endFrame_;
+    const uint32_t deviceRate = settings_.device.rate == 0 ? 1 : settings_.device.rate;
+    const int64_t frame = baseFrame_ + mixedFrames_ * format_.rate / deviceRate;
+    return endFrame_ >= 0 ? std::min(frame, endFrame_) : frame;
 }
+
+int32_t Source::positionMs() const { return toMs(heardFrame(), format_.rate); }
 
 int32_t Source::stateCode() const {
     return state_ == kStatePlaying && underrun_ ? kStateBuffering : state_;
@@ -300,9 +307,10 @@ void Source::end(PlayerState state) {
     ++generation_;
     underrun_ = false;
     const Event::Kind kind = state == kStateFinished ? Event::Finished : Event::Stopped;
-    outbox_.push_back({kind, positionMs(Clock::now()), state_});
+    outbox_.push_back({kind, positionMs(), state_});
     if (pcm_) outbox_.push_back({Event::CloseDataSource});
     wake_.notify_all();
+    if (settings_.wakeMixer) settings_.wakeMixer();
 }
 
 void Source::logError(const char* function, const char* text) {
@@ -316,12 +324,13 @@ void Source::fail(PlayerError type, const std::string& text, const std::string& 
     }
     state_ = kStateFailed;
     ++generation_;
-    Event event{Event::Error, positionMs(Clock::now()), state_};
+    Event event{Event::Error, positionMs(), state_};
     event.error = type;
     event.text = text;
     outbox_.push_back(event);
     if (pcm_) outbox_.push_back({Event::CloseDataSource});
     wake_.notify_all();
+    if (settings_.wakeMixer) settings_.wakeMixer();
 }
 
 // --- the source's thread ---
@@ -335,9 +344,7 @@ void Source::run() {
     } catch (...) {
         logError("run", "unknown exception");
     }
-    std::unique_ptr<Sink> sink;
     std::lock_guard<std::mutex> lock(mutex_);
-    sink = std::move(sink_);  // closed after the lock is released
     threadEnded_ = true;
     wake_.notify_all();
 }
@@ -345,14 +352,6 @@ void Source::run() {
 void Source::loop() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!released_) {
-        if (sink_ && (ended() || closing_)) {
-            // Closed before the final event goes out, so that a client that hears "finished"
-            // finds the output complete.
-            lock.unlock();
-            sink_.reset();
-            lock.lock();
-            continue;
-        }
         if (!outbox_.empty()) {
             const Event event = outbox_.front();
             outbox_.pop_front();
@@ -375,51 +374,32 @@ void Source::loop() {
     }
 }
 
-// One move of a playing source: open the sink, finish, write, pull, or wait for the time to.
+// One move of the read-ahead: report the end, fill the ring, pull, or wait for room or time.
 void Source::step(std::unique_lock<std::mutex>& lock) {
-    if (seenGeneration_ != generation_) {
-        seenGeneration_ = generation_;
-        pending_.clear();
-    }
     if (seekFrame_ >= 0) {
         if (input_) input_->seek(seekFrame_);
         seekFrame_ = -1;
     }
-    if (!sink_) {
-        std::string where;
-        std::string error;
-        lock.unlock();
-        std::unique_ptr<Sink> sink;
-        try {
-            sink = settings_.sinks->open(id_, format_, where, error);
-        } catch (const std::exception& failure) {
-            error = failure.what();
-        }
-        lock.lock();
-        if (!sink) return fail(kErrorOutput, error);
-        sink_ = std::move(sink);
-        if (settings_.log) {
-            (*settings_.log)(orv::LOG_LIFECYCLE, "play", "source %lld: %s to %s", id_,
-                             description_.c_str(), where.c_str());
-        }
-        return;
-    }
     const auto now = Clock::now();
-    if (endFrame_ >= 0 && clock_.written() >= endFrame_) {
-        if (!bufferingComplete_) {
+    if (endFrame_ >= 0 && readFrame_ >= endFrame_) {
+        // Reported once the mixer has started the source, so that "started" comes first;
+        // a source with nothing to play from where it stands never starts.
+        if (!bufferingComplete_ && (started_ || readFrame_ <= baseFrame_)) {
             bufferingComplete_ = true;
-            outbox_.push_back({Event::BufferingComplete, positionMs(now), stateCode()});
-        } else if (clock_.dry(now)) {
-            end(kStateFinished);
+            outbox_.push_back({Event::BufferingComplete, positionMs(), stateCode()});
+            if (settings_.wakeMixer) settings_.wakeMixer();
         } else {
-            wake_.wait_until(lock, clock_.playedOutAt(now));
+            wake_.wait(lock);
         }
         return;
     }
-    if (pending_.size() >= format_.bytesPerFrame()) return writePending(lock);
-    const PlayoutClock::Time pullAt = std::max(retryAt_, clock_.nextPullAt(now));
-    if (pullAt > now) {
-        wake_.wait_until(lock, pullAt);
+    if (ring_.space() / format_.bytesPerFrame() < pullFrames()) {
+        // The mixer wakes the source when it takes audio; the timeout is only a safety net.
+        wake_.wait_for(lock, settings_.ring / 4);
+        return;
+    }
+    if (retryAt_ > now) {
+        wake_.wait_until(lock, retryAt_);
         return;
     }
     pull(lock);
@@ -427,8 +407,9 @@ void Source::step(std::unique_lock<std::mutex>& lock) {
 
 void Source::pull(std::unique_lock<std::mutex>& lock) {
     const size_t frameBytes = format_.bytesPerFrame();
-    int64_t frames = settings_.periodFrames;
-    if (endFrame_ >= 0) frames = std::min(frames, endFrame_ - clock_.written());
+    int64_t frames = std::min<int64_t>(
+        {settings_.periodFrames, static_cast<int64_t>(ring_.space() / frameBytes)});
+    if (endFrame_ >= 0) frames = std::min(frames, endFrame_ - readFrame_);
     const uint64_t generation = generation_;
     const size_t wanted = static_cast<size_t>(frames) * frameBytes - pending_.size();
     long got = 0;
@@ -458,18 +439,14 @@ void Source::pull(std::unique_lock<std::mutex>& lock) {
     if (got < 0 && input_) {
         fail(kErrorDecode, "decoding failed: " + error);
     } else if (got == 0 && input_) {
-        endFrame_ = clock_.written();
+        endFrame_ = readFrame_;
     } else if (got <= 0) {
         retryAt_ = now + settings_.retryInterval;
-        // Before the first audio there is nothing to run dry: that is still the start.
-        if (started_ && clock_.dry(now) && !underrun_) {
-            underrun_ = true;
-            drySince_ = now;
-            ++underruns_;
-            outbox_.push_back({Event::UnderrunStarted, positionMs(now), kStateBuffering});
-        } else if (underrun_ && endFrame_ < 0 && now - drySince_ >= settings_.endAfterDry) {
-            // A stream of no declared length that stays dry has ended.
-            endFrame_ = clock_.written();
+        lastPullEmpty_ = true;
+        if (settings_.wakeMixer) settings_.wakeMixer();
+        // A stream of no declared length that stays dry has ended.
+        if (underrun_ && endFrame_ < 0 && now - drySince_ >= settings_.endAfterDry) {
+            endFrame_ = readFrame_;
         }
     } else {
         received(pullBuffer_.data(), std::min(static_cast<size_t>(got), wanted));
@@ -477,44 +454,177 @@ void Source::pull(std::unique_lock<std::mutex>& lock) {
 }
 
 void Source::received(const uint8_t* data, size_t size) {
-    const auto now = Clock::now();
     bytesReceived_ += size;
     hash_.add(data, size);
+    lastPullEmpty_ = false;
     pending_.insert(pending_.end(), data, data + size);
+    fillRing();
     if (!firstByte_) {
         firstByte_ = true;
-        outbox_.push_back({Event::FirstByteRead, positionMs(now), stateCode()});
+        outbox_.push_back({Event::FirstByteRead, positionMs(), stateCode()});
     }
     if (underrun_) {
         underrun_ = false;
-        outbox_.push_back({Event::UnderrunEnded, positionMs(now), stateCode()});
+        outbox_.push_back({Event::UnderrunEnded, positionMs(), stateCode()});
+    }
+    if (settings_.wakeMixer) settings_.wakeMixer();
+}
+
+// Moves the whole frames received into the ring; a pull never asks for more than it has room
+// for, so nothing is left but a partial frame.
+void Source::fillRing() {
+    const size_t frameBytes = format_.bytesPerFrame();
+    const size_t whole = std::min(pending_.size(), ring_.space()) / frameBytes * frameBytes;
+    ring_.put(pending_.data(), whole);
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<long>(whole));
+    readFrame_ += static_cast<int64_t>(whole / frameBytes);
+}
+
+// The frames one pull asks for: a period, or half the read-ahead when that is shorter.
+size_t Source::pullFrames() const {
+    return std::min<size_t>(static_cast<size_t>(settings_.periodFrames),
+                            ring_.capacity() / format_.bytesPerFrame() / 2);
+}
+
+// --- the mixer's side ---
+
+Source::Supply Source::prepare(size_t frames,
+                               const std::function<std::string(long long)>& trackFile,
+                               int64_t outputFrame) {
+    std::vector<uint8_t> taken;
+    Supply supply;
+    bool joins = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (state_ != kStatePlaying || released_ || closing_) return supply;
+        try {
+            if (mixGeneration_ != generation_ && converter_) converter_->reset();
+            if (mixGeneration_ != generation_) {
+                // After a seek the source waits for its read-ahead again, as at its start, and
+                // the wait is no underrun.
+                flushed_ = false;
+                refilling_ = started_;
+            }
+            mixGeneration_ = generation_;
+            if (!converter_) converter_ = std::make_unique<Converter>(format_, settings_.device);
+            const size_t frameBytes = format_.bytesPerFrame();
+            std::vector<uint8_t> chunk;
+            while (converter_->available() < frames && ring_.size() > 0) {
+                chunk.resize(std::min<size_t>(ring_.size(), 1024 * frameBytes));
+                ring_.take(chunk.data(), chunk.size());
+                applyGain(chunk.data(), chunk.size() / format_.bytesPerSample(), format_.type,
+                          volume_);
+                converter_->push(chunk.data(), chunk.size() / frameBytes);
+                taken.insert(taken.end(), chunk.begin(), chunk.end());
+            }
+            if (!flushed_ && bufferingComplete_ && ring_.size() == 0) {
+                converter_->finish();
+                flushed_ = true;
+            }
+        } catch (const std::exception& error) {
+            fail(kErrorFormat, std::string("cannot convert the audio: ") + error.what());
+            return supply;
+        }
+        if (!taken.empty()) wake_.notify_all();  // room in the ring
+        supply.frames = converter_->available();
+        supply.file = !pcm_;
+        supply.drained = flushed_;
+        // A source joins the mix once its read-ahead is full (or all of it is read, or its
+        // client has no more for now), so that its audio starts unbroken even when the output
+        // takes its whole lead at once.
+        const size_t frameBytes = format_.bytesPerFrame();
+        const bool allRead = endFrame_ >= 0 && readFrame_ >= endFrame_;
+        const bool readAheadFull = ring_.space() / frameBytes < pullFrames() || allRead;
+        supply.playing = (started_ && !refilling_) || flushed_ ||
+                         ((supply.frames >= frames || (allRead && ring_.size() == 0)) &&
+                          (readAheadFull || lastPullEmpty_));
+        supply.waiting =
+            supply.playing && !flushed_ && supply.frames < frames && !lastPullEmpty_ && !underrun_;
+        if (supply.playing) refilling_ = false;
+        joins = supply.playing && !started_ && !joined_;
+        joined_ = joined_ || joins;
+        // Numbered by the order in which tracks first hand the mixer audio.
+        if (trackFile && trackPath_.empty() && !taken.empty()) trackPath_ = trackFile(id_);
+    }
+    if (!trackPath_.empty() && !track_ && !trackFailed_) {
+        std::string error;
+        track_ = openWavSink(trackPath_, format_, error);
+        trackFailed_ = !track_;
+        if (!track_) logError("mix", error.c_str());
+    }
+    if (joins && settings_.log) {
+        (*settings_.log)(orv::LOG_LIFECYCLE, "mix",
+                         "source %lld: %s, first audio at output frame %lld%s%s", id_,
+                         description_.c_str(), static_cast<long long>(outputFrame),
+                         track_ ? ", also in " : "", track_ ? trackPath_.c_str() : "");
+    }
+    writeTrack(taken);
+    return supply;
+}
+
+// The track's own file gets the audio as the mixer took it, in the source's format and at its
+// volume; a file that cannot be written is given up, and the mix goes on.
+void Source::writeTrack(const std::vector<uint8_t>& bytes) {
+    if (!track_ || bytes.empty()) return;
+    std::string error;
+    if (!track_->write(bytes.data(), bytes.size() / format_.bytesPerFrame(), error)) {
+        logError("mix", error.c_str());
+        track_.reset();
+        trackFailed_ = true;
     }
 }
 
-void Source::writePending(std::unique_lock<std::mutex>& lock) {
-    const size_t frameBytes = format_.bytesPerFrame();
-    const size_t frames = pending_.size() / frameBytes;
-    const size_t bytes = frames * frameBytes;
-    applyGain(pending_.data(), bytes / format_.bytesPerSample(), format_.type, volume_);
-    const uint64_t generation = generation_;
-    std::string error;
-    lock.unlock();
-    bool written = false;
-    try {
-        written = sink_->write(pending_.data(), frames, error);
-    } catch (const std::exception& failure) {
-        error = failure.what();
+void Source::underrunLocked(Clock::time_point now) {
+    if (underrun_ || !started_ || flushed_) return;
+    underrun_ = true;
+    drySince_ = now;
+    ++underruns_;
+    outbox_.push_back({Event::UnderrunStarted, positionMs(), kStateBuffering});
+    wake_.notify_all();
+}
+
+void Source::mixInto(double* mix, size_t frames) {
+    bool finished = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (state_ != kStatePlaying || mixGeneration_ != generation_ || !converter_) return;
+        const size_t have = std::min(frames, converter_->available());
+        converter_->takeInto(mix, frames);
+        if (have > 0 && !started_) {
+            started_ = true;
+            outbox_.push_back({Event::Started, positionMs(), stateCode()});
+            wake_.notify_all();
+        }
+        mixedFrames_ += static_cast<int64_t>(have);
+        if (have < frames) underrunLocked(Clock::now());
+        finished = flushed_ && converter_->available() == 0;
     }
-    lock.lock();
-    if (generation != generation_) return;
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<long>(bytes));
-    if (!written) return fail(kErrorOutput, error);
-    const auto now = Clock::now();
-    if (!started_) {
-        started_ = true;
-        outbox_.push_back({Event::Started, positionMs(now), stateCode()});
+    if (!finished) return;
+    // Closed before the final event goes out, so that a client that hears "finished" finds
+    // its track's file complete.
+    track_.reset();
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ == kStatePlaying && mixGeneration_ == generation_) end(kStateFinished);
+}
+
+void Source::markDry() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ == kStatePlaying) underrunLocked(Clock::now());
+}
+
+void Source::outputFailed(const std::string& error) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!ended()) fail(kErrorOutput, error);
+}
+
+bool Source::finishedWithMixer() {
+    bool done = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        done = released_ || closing_ || ended();
     }
-    clock_.wrote(static_cast<int64_t>(frames), now);
+    if (done) track_.reset();
+    return done;
 }
 
 void Source::emit(const Event& event) {

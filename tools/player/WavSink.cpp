@@ -3,18 +3,18 @@
 // killed service leaves a valid file behind.
 #include <sndfile.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "Sink.h"
 
 namespace zem {
 
 class WavSink : public Sink {
 public:
-    WavSink(SinkFactory& owner, std::string path, SNDFILE* file, SampleType type)
-        : owner_(owner), path_(std::move(path)), file_(file), type_(type) {}
-    ~WavSink() override {
-        sf_close(file_);
-        owner_.releaseWavPath(path_);
-    }
+    WavSink(std::string path, SNDFILE* file, SampleType type)
+        : path_(std::move(path)), file_(file), type_(type) {}
+    ~WavSink() override { sf_close(file_); }
 
     bool write(const uint8_t* data, size_t frames, std::string& error) override {
         sf_count_t done = 0;
@@ -36,14 +36,13 @@ public:
     }
 
 private:
-    SinkFactory& owner_;
     std::string path_;
     SNDFILE* file_;
     SampleType type_;
 };
 
-std::unique_ptr<Sink> openWavSink(SinkFactory& owner, const std::string& path,
-                                  const StreamFormat& format, std::string& error) {
+std::unique_ptr<Sink> openWavSink(const std::string& path, const StreamFormat& format,
+                                  std::string& error) {
     SF_INFO info{};
     info.samplerate = static_cast<int>(format.rate);
     info.channels = static_cast<int>(format.channels);
@@ -59,14 +58,16 @@ std::unique_ptr<Sink> openWavSink(SinkFactory& owner, const std::string& path,
             info.format |= SF_FORMAT_FLOAT;
             break;
     }
+    errno = 0;
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     if (file == nullptr) {
-        error = "cannot create " + path + ": " + sf_strerror(nullptr);
-        owner.releaseWavPath(path);
+        // The system's reason reads plainer than the library's own wording of it.
+        error =
+            "cannot create " + path + ": " + (errno ? std::strerror(errno) : sf_strerror(nullptr));
         return nullptr;
     }
     sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
-    return std::make_unique<WavSink>(owner, path, file, format.type);
+    return std::make_unique<WavSink>(path, file, format.type);
 }
 
 }  // namespace zem

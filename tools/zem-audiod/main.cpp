@@ -1,5 +1,5 @@
-// zem-audiod: the reference audio service. It publishes the track service with a host player
-// that plays every source on its own thread into the chosen sink, and runs until SIGINT or
+// zem-audiod: the reference audio service. It opens its output, publishes the track service
+// with a host player that mixes every playing source into that output, and runs until SIGINT or
 // SIGTERM.
 #include <orv/ZEMAudioServer.h>
 #include <pthread.h>
@@ -21,9 +21,10 @@ namespace {
 
 const char kExamples[] = R"(Examples:
   zem-audiod                          play nothing, just serve (sink none)
-  zem-audiod --sink wav:/tmp/out.wav  write what each source plays to /tmp/out.wav
-  zem-audiod --sink 'wav:/tmp/src-{id}.wav' --fast -v
-                                      one file per source; PCM as fast as clients supply
+  zem-audiod --sink wav:/tmp/out.wav  write the mix of every source to /tmp/out.wav
+  zem-audiod --sink wav:/tmp/out.wav --track-files --fast -v
+                                      the mix, and each track in /tmp/out.track1.wav, ...;
+                                      as fast as the sources supply
   zem-audiod --sink alsa:default      play on the sound card (alsa:null for no hardware)
   zem-audiod --allow-uid 1001 --call-deadline 500
                                       let user 1001 in too; drop a client that takes 0.5 s
@@ -57,12 +58,29 @@ int serve(int argc, char** argv) {
     parlex::ServerLimits limits;
     int callDeadlineMs = static_cast<int>(limits.callDeadline.count());
     std::vector<uid_t> allowedUids;
-    app.add_option("--sink", sinkText, "where audio goes: none, wav:PATH or alsa:DEVICE")
+    app.add_option("--sink", sinkText,
+                   "where the mix goes, opened at start: none, wav:PATH or alsa:DEVICE")
         ->type_name("SINK")
         ->capture_default_str();
     app.add_flag("--fast", fast,
-                 "pull PCM sources as fast as clients supply, not in real time (files always "
-                 "play in real time)");
+                 "run the output as fast as the playing sources supply, not in real time");
+    zem::HostPlayer::Options options;
+    std::string sampleType = "s16";
+    app.add_option("--rate", options.device.rate, "the output's sample rate")
+        ->check(CLI::Range(8000u, 192000u))
+        ->type_name("HZ")
+        ->capture_default_str();
+    app.add_option("--channels", options.device.channels, "the output's channels")
+        ->check(CLI::Range(1u, 2u))
+        ->type_name("N")
+        ->capture_default_str();
+    app.add_option("--sample-format", sampleType, "the output's samples")
+        ->check(CLI::IsMember({"s16", "s32", "f32"}))
+        ->type_name("s16|s32|f32")
+        ->capture_default_str();
+    app.add_flag("--track-files", options.trackFiles,
+                 "with a WAV sink, also write each track to its own file beside the mix "
+                 "(out.track1.wav, out.track2.wav, ... in the order the tracks start)");
     app.add_option("--call-deadline", callDeadlineMs,
                    "how long a client may take to answer a request for audio or an event before "
                    "it is disconnected, in ms")
@@ -78,7 +96,6 @@ int serve(int argc, char** argv) {
         ->check(CLI::Range(size_t{1}, limits.maxConnections))
         ->type_name("N")
         ->capture_default_str();
-    zem::HostPlayer::Options options;
     app.add_option("--max-sources-per-process", options.maxSourcesPerProcess,
                    "sources that one client process may have open at once")
         ->check(CLI::Range(size_t{1}, options.maxSources))
@@ -94,6 +111,14 @@ int serve(int argc, char** argv) {
         std::fprintf(stderr, "zem-audiod: --sink: %s\n", error.c_str());
         return 2;
     }
+    if (options.trackFiles && sink->kind != zem::SinkSpec::Kind::Wav) {
+        std::fprintf(stderr, "zem-audiod: --track-files needs a WAV sink (--sink wav:PATH)\n");
+        return 2;
+    }
+    options.device.type = sampleType == "s32"   ? zem::SampleType::S32
+                          : sampleType == "f32" ? zem::SampleType::F32
+                                                : zem::SampleType::S16;
+    options.device.bits = sampleType == "s16" ? 16 : 32;
     limits.callDeadline = std::chrono::milliseconds(callDeadlineMs);
     // The users named come in addition to the service's own and root, which an empty list means.
     if (!allowedUids.empty()) {
@@ -117,7 +142,22 @@ int serve(int argc, char** argv) {
     options.sink = *sink;
     options.fast = fast;
     options.log = log;
-    auto player = std::make_shared<zem::HostPlayer>(options);
+    std::shared_ptr<zem::HostPlayer> player;
+    try {
+        player = std::make_shared<zem::HostPlayer>(options);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "zem-audiod: cannot open the output %s: %s\n",
+                     sink->describe().c_str(), failure.what());
+        return 1;
+    }
+    zem::Log(log, "zem-audiod")(
+        orv::LOG_LIFECYCLE, "main",
+        "output %s, %s; latency %lld ms (read-ahead %lld ms per source, "
+        "%lld ms queued at the output)",
+        sink->describe().c_str(), options.device.describe().c_str(),
+        static_cast<long long>(player->latency().count()),
+        static_cast<long long>(zem::SourceSettings().ring.count()),
+        static_cast<long long>((player->latency() - zem::SourceSettings().ring).count()));
     std::unique_ptr<orv::ZEMAudioServer> server;
     try {
         server = std::make_unique<orv::ZEMAudioServer>(player, log, limits);

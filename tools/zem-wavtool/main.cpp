@@ -1,13 +1,16 @@
 // zem-wavtool: the demo's audio helper. `generate` writes a deterministic stereo test signal
 // (two tones under full-range pseudo-random noise, so that any swapped, dropped or altered
 // byte shows) as WAV or FLAC by the file's extension; `compare` checks two audio files for
-// equality sample for sample.
+// equality sample for sample; `mix` checks a mix against the sum of its inputs, each placed at
+// its frame and scaled by its gain.
 #include <sndfile.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -100,6 +103,74 @@ int compare(const std::string& expectedPath, const std::string& actualPath) {
     return 0;
 }
 
+// Reads a whole file as 32-bit integers (16-bit samples scaled exactly by 2^16).
+std::optional<std::vector<int>> readAll(const std::string& path, SF_INFO& info) {
+    File file(sf_open(path.c_str(), SFM_READ, &info), sf_close);
+    if (!file) {
+        std::fprintf(stderr, "zem-wavtool: cannot read %s: %s\n", path.c_str(),
+                     sf_strerror(nullptr));
+        return std::nullopt;
+    }
+    sf_command(file.get(), SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
+    std::vector<int> samples(static_cast<size_t>(info.frames) * static_cast<size_t>(info.channels));
+    samples.resize(static_cast<size_t>(sf_readf_int(file.get(), samples.data(), info.frames)) *
+                   static_cast<size_t>(info.channels));
+    return samples;
+}
+
+// `inputs` are "FILE@FRAME" or "FILE@FRAME*GAIN". The mix of 16-bit audio is compared in 16-bit
+// steps: exactly when every gain is 1, within one step otherwise (each input is rounded once).
+int mix(const std::string& mixPath, const std::vector<std::string>& inputs) {
+    SF_INFO mixInfo{};
+    const std::optional<std::vector<int>> actual = readAll(mixPath, mixInfo);
+    if (!actual) return 1;
+    const auto channels = static_cast<size_t>(mixInfo.channels);
+    std::vector<double> expected(actual->size());
+    double tolerance = 0;
+    for (const std::string& input : inputs) {
+        const size_t at = input.rfind('@');
+        const size_t star = input.find('*', at == std::string::npos ? 0 : at);
+        if (at == std::string::npos) {
+            std::fprintf(stderr, "zem-wavtool: mix: '%s' is not FILE@FRAME[*GAIN]\n",
+                         input.c_str());
+            return 2;
+        }
+        const std::string path = input.substr(0, at);
+        const auto frame = static_cast<size_t>(std::stoll(input.substr(at + 1, star - at - 1)));
+        const double gain = star == std::string::npos ? 1.0 : std::stod(input.substr(star + 1));
+        if (gain != 1.0) tolerance = 1;
+        SF_INFO info{};
+        const std::optional<std::vector<int>> samples = readAll(path, info);
+        if (!samples) return 1;
+        if (info.channels != mixInfo.channels || info.samplerate != mixInfo.samplerate) {
+            std::printf("MISMATCH: %s is %d Hz %d ch, the mix %d Hz %d ch\n", path.c_str(),
+                        info.samplerate, info.channels, mixInfo.samplerate, mixInfo.channels);
+            return 1;
+        }
+        if ((frame * channels + samples->size()) > expected.size()) {
+            std::printf("MISMATCH: the mix ends before %s at frame %zu does\n", path.c_str(),
+                        frame);
+            return 1;
+        }
+        for (size_t i = 0; i < samples->size(); ++i) {
+            expected[frame * channels + i] += (*samples)[i] / 65536.0 * gain;
+        }
+    }
+    for (size_t i = 0; i < expected.size(); ++i) {
+        const double want = std::clamp(expected[i], -32768.0, 32767.0);
+        const double got = (*actual)[i] / 65536.0;
+        if (std::fabs(want - got) > tolerance) {
+            std::printf("MISMATCH at frame %zu, channel %zu: %.1f expected, %.0f in %s\n",
+                        i / channels, i % channels, want, got, mixPath.c_str());
+            return 1;
+        }
+    }
+    std::printf("mix %s: %zu frames of %zu inputs match%s\n",
+                tolerance == 0 ? "bit-exact" : "within one step", expected.size() / channels,
+                inputs.size(), tolerance == 0 ? "" : " (inputs at a gain below 1)");
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -121,7 +192,14 @@ int main(int argc, char** argv) {
     CLI::App* cmp = app.add_subcommand("compare", "exit 0 when both files hold the same samples");
     cmp->add_option("expected", expected)->required();
     cmp->add_option("actual", actual)->required();
+    std::string mixed;
+    std::vector<std::string> inputs;
+    CLI::App* mixCmd = app.add_subcommand(
+        "mix", "exit 0 when MIX holds the sum of the inputs, each at its frame and gain");
+    mixCmd->add_option("mix", mixed)->required();
+    mixCmd->add_option("inputs", inputs, "FILE@FRAME or FILE@FRAME*GAIN")->required();
     if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv)) return *status;
     if (*gen) return generate(path, seconds, rate, title, artist);
+    if (*mixCmd) return mix(mixed, inputs);
     return compare(expected, actual);
 }
