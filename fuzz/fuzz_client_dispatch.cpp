@@ -87,9 +87,13 @@ Live* live = nullptr;  // kept for the life of the process
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // A runtime directory of this process's own, so that parallel runs cannot meet.
-    std::string dir = std::filesystem::temp_directory_path() / "zem-fuzz-XXXXXX";
+    static std::string dir = std::filesystem::temp_directory_path() / "zem-fuzz-XXXXXX";
     if (::mkdtemp(dir.data()) == nullptr) std::abort();
     ::setenv("PARLEX_RUNTIME_DIR", dir.c_str(), 1);
+    std::atexit([] {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir, ignored);
+    });
     live = new Live;
     auto sink = std::make_shared<orv::fuzz::NullSink>();
     live->server = std::make_unique<orv::ZEMAudioServer>(live->player, sink);
