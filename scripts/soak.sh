@@ -33,6 +33,7 @@ cleanup() {
     rm -rf "$work"
 }
 trap cleanup EXIT
+trap "exit 1" INT TERM  # so that a stopped soak still runs cleanup
 export PARLEX_RUNTIME_DIR=$work/runtime
 
 fail() {
