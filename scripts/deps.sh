@@ -3,6 +3,8 @@
 
 PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           libsndfile1-dev libsamplerate0-dev libcli11-dev libasound2-dev)
+# What scripts/fuzz.sh adds: clang and its libFuzzer and sanitizer runtimes.
+FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 
 install_missing_packages() {
     local missing=() package

@@ -1,0 +1,129 @@
+// A client that the kill tests and the soak SIGKILL. It plays a PCM source through the exported
+// track, supplying a byte pattern whenever the service asks.
+//   kill_client stream            sets the source, writes "source <id>" and streams until its
+//                                 stdin ends or it is killed
+//   kill_client die <stage> <seed> kills itself with SIGKILL at a random point of <stage>:
+//                                 init (connecting), setSource, getBuffer (inside the listener's
+//                                 answer to the service's pull) or event (inside an event)
+// A stage that cannot be reached (no service, no pull within 10 s) exits 3 with a line on stderr.
+#include <orv/ZEMAudioTrack.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+
+namespace {
+
+using namespace orv;
+using State = const MediaPlayerStateV2&;
+
+class QuietLog : public LoggingDelegate {
+public:
+    void logMessage(LogLevel, const char*, const char*) override {}
+};
+
+// Dies inside getBuffer on pull number `dieOnPull`, inside event number `dieOnEvent` (0: never).
+class Listener : public EventListenerV3 {
+public:
+    int getBuffer(uint8_t* buffer, int size) override {
+        if (++pulls == dieOnPull) ::raise(SIGKILL);
+        for (int k = 0; k < size; ++k) buffer[k] = static_cast<uint8_t>(k % 251);
+        return size;
+    }
+    void event() {
+        if (++events == dieOnEvent) ::raise(SIGKILL);
+    }
+    void closeAudioSource() override { event(); }
+    void onStopRequested(long long) override { event(); }
+    void onReportMetric(const char*, const char*) override { event(); }
+    void onServerDeath() override {}
+    void onFirstByteRead(long long, State) override { event(); }
+    void onPlaybackStarted(long long, State) override { event(); }
+    void onPlaybackFinished(long long, State) override { event(); }
+    void onPlaybackError(long long, ErrorType, const char*, State) override { event(); }
+    void onPlaybackPaused(long long, State) override { event(); }
+    void onPlaybackResumed(long long, State) override { event(); }
+    void onPlaybackStopped(long long, State) override { event(); }
+    void onBufferUnderrun(long long, State) override { event(); }
+    void onBufferRefilled(long long, State) override { event(); }
+    void onBufferingComplete(long long, State) override { event(); }
+    void onStreamMetadataExtracted(long long, State, const MetadataKeyValuePairs&) override {
+        event();
+    }
+    void onSeeked(long long, State, State) override { event(); }
+    void onLicenseAvailable(long long) override { event(); }
+    void onFirstDataSegmentAvailable(long long) override { event(); }
+
+    std::atomic<int> pulls{0}, events{0};
+    int dieOnPull = 0, dieOnEvent = 0;
+};
+
+ZEMAudioSource pcmSource() {
+    ZEMAudioSource source;
+    source.type = kSourceTypePcm;
+    source.format = {0, 48000, 16, 2, true, 1, 0};
+    source.setClusterId("kill");
+    return source;
+}
+
+int fail(const std::string& why) {
+    std::fprintf(stderr, "kill_client: %s\n", why.c_str());
+    return 3;
+}
+
+// SIGKILL after a random delay below `maxMicros`, from a thread of its own.
+void killAfter(std::mt19937& random, int maxMicros) {
+    const auto delay = std::chrono::microseconds(random() % static_cast<unsigned>(maxMicros));
+    std::thread([delay] {
+        std::this_thread::sleep_for(delay);
+        ::raise(SIGKILL);
+    }).detach();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string mode = argc > 1 ? argv[1] : "";
+    const std::string stage = argc > 2 ? argv[2] : "";
+    std::mt19937 random(argc > 3 ? static_cast<unsigned>(std::stoul(argv[3])) : 1u);
+    auto log = std::make_shared<QuietLog>();
+    auto listener = std::make_shared<Listener>();
+    if (mode == "die" && stage == "init") {
+        killAfter(random, 3000);
+        for (;;) {  // connect again and again until the kill lands
+            std::unique_ptr<ZEMAudioTrack> track(createZEMAudioTrack());
+            if (!track->init(std::shared_ptr<EventListenerV3>(listener), log)) {
+                return fail("init failed");
+            }
+        }
+    }
+    std::unique_ptr<ZEMAudioTrack> track(createZEMAudioTrack());
+    if (!track->init(std::shared_ptr<EventListenerV3>(listener), log)) return fail("init failed");
+    if (mode == "die" && stage == "setSource") {
+        killAfter(random, 3000);
+        for (;;) {
+            if (track->setSource(pcmSource()) < 0) return fail("setSource failed");
+        }
+    }
+    if (mode == "die" && stage == "getBuffer") listener->dieOnPull = 1 + random() % 8;
+    if (mode == "die" && stage == "event") listener->dieOnEvent = 1 + random() % 2;
+    const long long id = track->setSource(pcmSource());
+    if (id < 0) return fail("setSource failed");
+    if (mode == "stream") {
+        std::cout << "source " << id << std::endl;
+        for (std::string line; std::getline(std::cin, line);) {
+        }
+        return 0;
+    }
+    if (mode != "die" || (stage != "getBuffer" && stage != "event")) return fail("bad usage");
+    if (!track->play()) return fail("play failed");
+    std::this_thread::sleep_for(std::chrono::seconds(10));
+    return fail("no " + stage + " within 10 s");
+}

@@ -1,0 +1,69 @@
+// The audio service that the kill tests SIGKILL: the real server half over a player whose
+// control calls never return, so that a client's request is still pending when the service
+// dies. It writes "ready", then "blocked <call>" as each call reaches the player. "pull <id>"
+// on stdin makes the player pull audio of source <id> on a thread of its own, as a player does
+// while it plays, and writes "pulling" before the first pull.
+#include <orv/ZEMAudioServer.h>
+
+#include <atomic>
+#include <iostream>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "support/MockPlayer.h"
+
+namespace {
+
+using namespace orv;
+
+void say(const std::string& line) {
+    static std::mutex mutex;
+    std::lock_guard<std::mutex> lock(mutex);
+    std::cout << line << std::endl;
+}
+
+// Blocks the calling server thread for good: only the SIGKILL ends it.
+[[noreturn]] void blockForever(const char* call) {
+    say(std::string("blocked ") + call);
+    for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+}  // namespace
+
+int main() {
+    using ::testing::_;
+    auto player = std::make_shared<::testing::NiceMock<orv::test::MockPlayer>>();
+    std::atomic<long long> nextId{100};
+    ON_CALL(*player, setSource(_, _)).WillByDefault([&](const SourceConfig&, const char*) {
+        return nextId.fetch_add(1);
+    });
+    ON_CALL(*player, play).WillByDefault([](long long) -> int { blockForever("play"); });
+    ON_CALL(*player, stop).WillByDefault([](long long) -> int { blockForever("stop"); });
+    ON_CALL(*player, pause).WillByDefault([](long long) -> int { blockForever("pause"); });
+    ON_CALL(*player, resume).WillByDefault([](long long) -> int { blockForever("resume"); });
+    ON_CALL(*player, getOffset).WillByDefault([](long long) -> int { blockForever("getOffset"); });
+    ON_CALL(*player, seekTo).WillByDefault([](long long, int, bool) -> int {
+        blockForever("seekTo");
+    });
+    ON_CALL(*player, setVolume).WillByDefault([](float, long long) -> int {
+        blockForever("setVolume");
+    });
+    ON_CALL(*player, getMediaPlayerStateV2).WillByDefault([](long long) -> MediaPlayerStateV2 {
+        blockForever("getMediaPlayerStateV2");
+    });
+
+    ZEMAudioServer server(player, nullptr);
+    say("ready");
+    std::vector<std::thread> pullers;
+    for (std::string verb; std::cin >> verb;) {
+        long long id = 0;
+        std::cin >> id;
+        pullers.emplace_back([&player, id] {
+            say("pulling");
+            std::vector<uint8_t> buffer(4096);
+            for (;;) player->delegate.load()->getData(buffer.data(), 4096, id);
+        });
+    }
+    for (;;) std::this_thread::sleep_for(std::chrono::hours(1));  // killed, never ended
+}
