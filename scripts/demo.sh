@@ -18,7 +18,7 @@ build_dir=${BUILD_DIR:-build}
 
 install_missing_packages
 echo "== Building the library and the tools in $build_dir"
-cmake -S . -B "$build_dir" -G Ninja >/dev/null
+cmake -S . -B "$build_dir" -G Ninja -DORV_WERROR=ON >/dev/null
 cmake --build "$build_dir" --target zem-audiod zem-play zem-wavtool
 tools=$build_dir/tools
 
