@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,7 +26,17 @@ int generate(const std::string& path, double seconds, int rate, const std::strin
     SF_INFO info{};
     info.samplerate = rate;
     info.channels = 2;
-    const bool flac = path.size() > 5 && path.compare(path.size() - 5, 5, ".flac") == 0;
+    auto endsWith = [&](const char* suffix) {
+        const size_t n = std::strlen(suffix);
+        return path.size() > n && path.compare(path.size() - n, n, suffix) == 0;
+    };
+    const bool flac = endsWith(".flac");
+    if (!flac && !endsWith(".wav")) {
+        std::fprintf(stderr,
+                     "zem-wavtool: cannot write %s: only .wav and .flac files can be made\n",
+                     path.c_str());
+        return 2;
+    }
     info.format = (flac ? SF_FORMAT_FLAC : SF_FORMAT_WAV) | SF_FORMAT_PCM_16;
     File file(sf_open(path.c_str(), SFM_WRITE, &info), sf_close);
     if (!file) {
