@@ -1,8 +1,6 @@
 // The server half between a GoogleMock player and clients in other processes (track_client).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <orv/AudioServerImpl.h>
-#include <orv/ZEMAudioServer.h>
 
 #include <future>
 #include <map>
@@ -14,9 +12,7 @@
 #include <vector>
 
 #include "common/RecordCodec.h"
-#include "support/MockPlayer.h"
-#include "support/Process.h"
-#include "support/TrackCases.h"
+#include "support/ServerFixture.h"
 
 namespace orv::test {
 namespace {
@@ -26,15 +22,7 @@ using namespace parlex::test;
 
 constexpr const char* kTrack = "ZEMServerTrack";
 
-// The wire bytes of `values` in hex, as the peer takes and prints arguments, replies and events.
-template <typename... T>
-std::string hex(const T&... values) {
-    parlex::AndroidParcel parcel;
-    ((parcel << values), ...);
-    return hexOf(parcel->data(), parcel->dataSize());
-}
-
-class ServerTest : public Test {
+class ServerTest : public ServerFixture {
 protected:
     ServerTest() {
         ON_CALL(*player, setSource).WillByDefault([this](const SourceConfig& config, const char*) {
@@ -43,33 +31,10 @@ protected:
             return 99 + static_cast<long long>(configs.size());
         });
     }
-    // A client with `tracks` tracks (the first client's are 0, 1...); setPcm opens one's source.
-    Process& client(int tracks, const char* hold = "") {
-        peers.push_back(std::make_unique<Process>(
-            std::vector<std::string>{TRACK_CLIENT_PATH, std::to_string(tracks), hold}));
-        EXPECT_EQ(peers.back()->readLine(), "ready");
-        return *peers.back();
-    }
-    // ThreadSanitizer does not see the pipe and socket between this thread and the server's; the
-    // sink's lock, which the server takes to log before it calls the player, orders them.
-    std::string send(Process& peer, const std::string& command) {
-        sink->entries();
-        peer.writeLine(command);
-        return peer.readLine().value_or("(no answer)");
-    }
-    void setPcm(Process& peer, int track, long long id) {
-        EXPECT_EQ(send(peer, std::to_string(track) + " setZEMAudioSource " + hex(source(0))),
-                  "reply " + hex(id));
-    }
+    ~ServerTest() override { server.reset(); }  // before the configs it may still add to
 
-    PrivateRuntimeDir runtimeDir;
-    std::shared_ptr<NiceMock<MockPlayer>> player = std::make_shared<NiceMock<MockPlayer>>();
-    std::shared_ptr<RecordingLogSink> sink = std::make_shared<RecordingLogSink>();
     std::mutex configsMutex;            // guards: configs
     std::vector<SourceConfig> configs;  // every source the player opened: ids 100, 101...
-    std::unique_ptr<ZEMAudioServer> server = std::make_unique<ZEMAudioServer>(player, sink);
-    AudioServerImpl* impl = static_cast<AudioServerImpl*>(player->delegate.load());
-    std::vector<std::unique_ptr<Process>> peers;
 };
 
 TEST_F(ServerTest, RequestReachesPlayerWithCurrentSourceIdAndAMalformedOneChangesNothing) {

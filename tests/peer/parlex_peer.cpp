@@ -30,15 +30,12 @@
 #include <thread>
 #include <vector>
 
+#include "support/Say.h"
+
 namespace {
 
+using orv::test::say;
 using parlex::AndroidBuffer;
-
-// One line to the test: "ready", then "hanging" from a handler.
-void say(const std::string& line) {
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
 
 // Set when stdin ends; parked handlers return then, so that the shutdown can join them.
 std::promise<void> stdinEnded;
