@@ -266,17 +266,25 @@ TEST_F(ServerTest, EventsOfATrackNeverOverlapAudioFlowsBetweenAndADeadClientOnly
     EXPECT_EQ(sink->count(LOG_ERROR, "remoteEvent:client is dead"), 1u);
 }
 
-TEST_F(ServerTest, RegistryKeepsTheOldestOwnerNeverReusesIdsAndOutlivesItsTracks) {
+TEST_F(ServerTest, RegistryFollowsSourceChangesKeepsTheOldestOwnerNeverReusesIdsOutlivesTracks) {
     ON_CALL(*player, setSource).WillByDefault(Return(5));
     Process& first = client(3);
     for (int track = 0; track < 3; ++track) setPcm(first, track, 5);
-    uint8_t byte = 0;
-    impl->getData(&byte, 1, 5);
-    EXPECT_EQ(first.readLine(), "getBuffer 0 1");
-    EXPECT_CALL(*player, releaseSource(5)).Times(3);  // by "destroy", then as the client dies
-    EXPECT_EQ(send(first, "0 destroy -"), "reply -");
-    impl->getData(&byte, 1, 5);
-    EXPECT_EQ(first.readLine(), "getBuffer 1 1");
+    auto reach = [&](long long id) {  // the track that getData for `id` reaches
+        uint8_t byte = 0;
+        impl->getData(&byte, 1, id);
+        return first.readLine().value_or("(none)");
+    };
+    EXPECT_EQ(reach(5), "getBuffer 0 1");
+    // By "destroy", by a new source, as the client dies.
+    EXPECT_CALL(*player, releaseSource(5)).Times(3);
+    EXPECT_CALL(*player, releaseSource(6));
+    ON_CALL(*player, setSource).WillByDefault(Return(6));
+    setPcm(first, 0, 6);
+    EXPECT_EQ(reach(6), "getBuffer 0 1");
+    EXPECT_EQ(reach(5), "getBuffer 1 1");
+    EXPECT_EQ(send(first, "1 destroy -"), "reply -");
+    EXPECT_EQ(reach(5), "getBuffer 2 1");
     first.kill();
     ASSERT_TRUE(waitUntil([&] { return sink->count(LOG_LIFECYCLE, "removeTrack:trackId=") == 3; }));
     // The server goes while a request of the next client's tracks 3 and 4 is in the player.

@@ -149,31 +149,5 @@ TEST_F(HostileClientTest, EverySourceATrackStillHoldsIsReleasedOnceWhenItGoes) {
         sink->count(LOG_LIFECYCLE, "~ZEMServerTrack:released sourceId=102, set after destroy"), 1u);
 }
 
-// The registry's lookup by source id follows a track's new source id and its departure, and a
-// miss is logged as it always was.
-TEST_F(HostileClientTest, TheOwnerOfASourceIdFollowsSourceChangesAndDeparture) {
-    Process& peer = client(2);
-    // The client's track that getData for `id` reaches, or the lines of a miss.
-    auto reach = [&](long long id) {
-        sink->clear();
-        uint8_t byte = 0;
-        if (impl->getData(&byte, 1, id) == 1) return peer.readLine().value_or("(none)");
-        return text(sink->count(LOG_ERROR, "getTrack:cannot find track, sourceId=5")) +
-               text(sink->count(LOG_ERROR, "getData:no track found, sourceId=5"));
-    };
-    for (int track : {0, 1}) {
-        nextSourceId = 5;
-        EXPECT_EQ(send(peer, text(track) + " setZEMAudioSource " + hex(source(0))),
-                  "reply " + hex(5LL));
-    }
-    EXPECT_EQ(reach(5), "getBuffer 0 1");  // the older track
-    setPcm(peer, 0, 6);                    // track 0 moves from 5 to 6
-    EXPECT_EQ(reach(6), "getBuffer 0 1");
-    EXPECT_EQ(reach(5), "getBuffer 1 1");
-    EXPECT_EQ(send(peer, "1 destroy -"), "reply -");
-    EXPECT_EQ(reach(5), "11");
-    EXPECT_EQ(reach(0x100000005), "11");  // only the low 32 bits are printed
-}
-
 }  // namespace
 }  // namespace orv::test

@@ -346,23 +346,6 @@ TEST_F(EchoTest, MessagesOfExactlyTheLimitCrossAndOneByteMoreIsRefusedBeforeItIs
     EXPECT_EQ(echo_.call("echoInt", 7).as<int>(), 7);
 }
 
-TEST_F(EchoTest, EventsArriveInOrderAtTheirProxyOnly) {
-    AndroidProxy other(&client_, "Echo");
-    std::mutex mutex;
-    std::vector<int> ticks;
-    std::atomic<int> strays{0};
-    echo_.bind("tick", [&](int i) {
-        std::lock_guard<std::mutex> lock(mutex);
-        ticks.push_back(i);
-    });
-    other.bind("tick", [&](int) { ++strays; });
-    // Each event waits for the client's answer, so all have been handled once the call returns.
-    EXPECT_EQ(echo_.call("ticks", 5).as<int>(), 5);
-    std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(ticks, (std::vector<int>{0, 1, 2, 3, 4}));
-    EXPECT_EQ(strays, 0);
-}
-
 TEST_F(EchoTest, FailuresComeBackAsErrorRepliesAndTheConnectionCarriesOn) {
     // No factory, a factory that makes nothing, a factory that throws.
     for (const char* type : {"NoSuchType", "Null", "Throwing"}) {

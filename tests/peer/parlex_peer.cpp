@@ -103,10 +103,6 @@ public:
         // The client's answer to "getBuffer", passed back in the reply.
         bind("pull",
              [this](int bytes) { return callback("getBuffer", bytes).as<AndroidBuffer>(); });
-        bind("ticks", [this](int count) {
-            for (int i = 0; i < count; ++i) event("tick", i);
-            return count;
-        });
         // "<creator pid> <creator uid> <caller pid> <caller uid> <seen on another thread>".
         bind("callingPeer", [this] {
             const auto caller = parlex::callingPeer();
