@@ -4,7 +4,6 @@
 
 #include <future>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <climits>
 #include <future>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>

@@ -6,7 +6,6 @@
 // published; ends with stdin.
 #include <parlex/binder.h>
 
-#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <mutex>
