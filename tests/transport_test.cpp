@@ -98,19 +98,17 @@ bool settles(std::future<T>& outcome) {
     return ::testing::AssertionSuccess();
 }
 
-// What the served objects' calls to their clients raised, in order.
-std::mutex calloutsMutex;
-std::vector<std::string> calloutFailures;  // guards: calloutsMutex
-void calloutFailed(const std::string& failure) {
-    std::lock_guard<std::mutex> lock(calloutsMutex);
-    calloutFailures.push_back(failure);
+// What the served objects' calls to their clients raised, and on whose behalf each object was
+// released (a pid, or "nobody"), in order, whatever thread wrote them.
+orv::test::RecordingLogSink calloutFailures, releasedFor;
+void note(orv::test::RecordingLogSink& to, const std::string& line) {
+    to.logMessage(orv::LOG_ERROR, "", line.c_str());
 }
-std::vector<std::string> failedCallouts() {
-    std::lock_guard<std::mutex> lock(calloutsMutex);
-    return calloutFailures;
+std::vector<std::string> notes(const orv::test::RecordingLogSink& from) {
+    std::vector<std::string> lines;
+    for (const auto& entry : from.entries()) lines.push_back(entry.message);
+    return lines;
 }
-// On whose behalf each served object was released: a pid, or "nobody".
-std::vector<std::string> releasedFor;  // guards: calloutsMutex
 
 // An object that the test process serves. It counts its live instances so that tests can watch
 // the transport release them, calls back to its client on request, and can send events from a
@@ -125,7 +123,7 @@ public:
             AndroidBuffer buffer;
             const std::string failure =
                 errorOf([&] { buffer = callback("getBuffer", bytes).as<AndroidBuffer>(); });
-            if (!failure.empty()) calloutFailed(failure);
+            if (!failure.empty()) note(calloutFailures, failure);
             if (!failure.empty()) throw std::runtime_error(failure);
             return buffer;
         });
@@ -145,7 +143,7 @@ public:
                 const std::string raised = errorOf([&] { event.get(); });
                 if (failure.empty()) failure = raised;
             }
-            calloutFailed(failure);
+            note(calloutFailures, failure);
         });
         bind("startTicking", [this] {
             worker_ = std::thread([this] {
@@ -162,8 +160,7 @@ public:
             EXPECT_EQ(ended_, "dead_object") << "what ended the events of a gone client";
         }
         const auto peer = callingPeer();
-        std::lock_guard<std::mutex> lock(calloutsMutex);
-        releasedFor.push_back(peer ? std::to_string(peer->pid) : "nobody");
+        note(releasedFor, peer ? std::to_string(peer->pid) : "nobody");
         --alive_;
     }
 
@@ -203,11 +200,8 @@ class TransportTest : public ::testing::Test {
 protected:
     TransportTest() {
         logged.clear();
-        {
-            std::lock_guard<std::mutex> lock(calloutsMutex);
-            calloutFailures.clear();
-            releasedFor.clear();
-        }
+        calloutFailures.clear();
+        releasedFor.clear();
         setLogHandler(
             [](const std::string& line) { logged.logMessage(orv::LOG_ERROR, "", line.c_str()); });
         ::alarm(60);
@@ -747,8 +741,7 @@ TEST_F(TransportTest, DroppedProxiesAndGoneClientsReleaseTheirObjectsAndDescript
     local.reset();
     EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; }));
     // A release that the client asked for runs on its behalf; the transport's, on nobody's.
-    std::lock_guard<std::mutex> lock(calloutsMutex);
-    EXPECT_THAT(releasedFor,
+    EXPECT_THAT(notes(releasedFor),
                 ::testing::ElementsAre(std::to_string(::getpid()), "nobody", "nobody"));
 }
 
@@ -962,7 +955,7 @@ TEST_F(TransportTest, ClientThatNeverAnswersACallbackIsDisconnectedAtTheCallDead
     EXPECT_TRUE(serves());
     EXPECT_EQ(stuck.readLine(), "dead_object");
     EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; })) << server.alive() << " alive";
-    EXPECT_THAT(failedCallouts(), ::testing::ElementsAre("dead_object"));
+    EXPECT_THAT(notes(calloutFailures), ::testing::ElementsAre("dead_object"));
     EXPECT_EQ(loggedWith("parlex: client " + described(stuck.pid()) +
                          " did not answer or take its messages within 300 ms; disconnecting"),
               1u);
@@ -1005,7 +998,7 @@ TEST_F(TransportTest, ClientThatStopsReadingIsDisconnectedAtTheCallDeadline) {
         EXPECT_EQ(loggedWith(line), linesBefore + 1);
         EXPECT_EQ(watcher.call("echoInt", 4).as<int>(), 4);
     }
-    EXPECT_THAT(failedCallouts(), ::testing::ElementsAre("dead_object"));
+    EXPECT_THAT(notes(calloutFailures), ::testing::ElementsAre("dead_object"));
 }
 
 // The peer server at its descriptor limit fails a request that came with a memfd and a reply
