@@ -186,22 +186,11 @@ protected:
     parlex::AndroidServer server_;
 };
 
-TEST_F(BareServiceTest, OnlyDestroySendsDestroyAndRequestsAfterItFail) {
+// Application threads that share a track take turns: the service never has two of its requests
+// at once. Only "destroy" sends "destroy", and requests after it fail.
+TEST_F(BareServiceTest, ATrackSendsOneRequestAtATimeUntilItsDestroyAfterWhichRequestsFail) {
     start();
     connect(listener_).reset();
-    EXPECT_EQ(destroys_, 0);
-    auto track = connect(listener_);
-    track->destroy();
-    EXPECT_EQ(destroys_, 1);
-    EXPECT_FALSE(track->play());
-    EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:RPC failed exception: parlex: client stopped"),
-              1u);
-}
-
-// Application threads that share a track take turns: the service never has two of its requests
-// at once.
-TEST_F(BareServiceTest, ATrackSendsOneRequestAtATimeWhateverThreadsShareIt) {
-    start();
     auto track = connect(listener_);
     auto plays = [&] {
         for (int i = 0; i < 20; ++i) EXPECT_TRUE(track->play());
@@ -210,6 +199,12 @@ TEST_F(BareServiceTest, ATrackSendsOneRequestAtATimeWhateverThreadsShareIt) {
     plays();
     other.get();
     EXPECT_EQ(most_, 1);
+    EXPECT_EQ(destroys_, 0);
+    track->destroy();
+    EXPECT_EQ(destroys_, 1);
+    EXPECT_FALSE(track->play());
+    EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:RPC failed exception: parlex: client stopped"),
+              1u);
 }
 
 // The connection of an earlier init stays open for the rest of the process: the service still

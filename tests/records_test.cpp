@@ -298,14 +298,11 @@ TYPED_TEST(RecordMove, MovesHandEveryTextOverAndLeaveTheSourceWithNone) {
     }
 }
 
-TEST(RecordCopy, SettingATextFromItsOwnValueKeepsIt) {
+TEST(RecordCopy, ATextSetFromItsOwnValueAndReportsWithoutEntriesSurviveCopying) {
     ZEMAudioSourceV4 source;
     source.setUrl("http://host/a");
     source.setUrl(source.url);
     EXPECT_STREQ(source.url, "http://host/a");
-}
-
-TEST(RecordCopy, ReportsWithoutEntriesCopyAsNullArray) {
     PlaybackReports target = sampled<PlaybackReports>();
     target = PlaybackReports();
     EXPECT_EQ(target.reports, nullptr);

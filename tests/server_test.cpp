@@ -1,12 +1,9 @@
 // The server half between a GoogleMock player and clients in other processes (track_client).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <orv/AudioServerImpl.h>
-#include <orv/ZEMAudioServer.h>
 
 #include <future>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -14,9 +11,7 @@
 #include <vector>
 
 #include "common/RecordCodec.h"
-#include "support/MockPlayer.h"
-#include "support/Process.h"
-#include "support/TrackCases.h"
+#include "support/ServerFixture.h"
 
 namespace orv::test {
 namespace {
@@ -26,15 +21,7 @@ using namespace parlex::test;
 
 constexpr const char* kTrack = "ZEMServerTrack";
 
-// The wire bytes of `values` in hex, as the peer takes and prints arguments, replies and events.
-template <typename... T>
-std::string hex(const T&... values) {
-    parlex::AndroidParcel parcel;
-    ((parcel << values), ...);
-    return hexOf(parcel->data(), parcel->dataSize());
-}
-
-class ServerTest : public Test {
+class ServerTest : public ServerFixture {
 protected:
     ServerTest() {
         ON_CALL(*player, setSource).WillByDefault([this](const SourceConfig& config, const char*) {
@@ -43,33 +30,10 @@ protected:
             return 99 + static_cast<long long>(configs.size());
         });
     }
-    // A client with `tracks` tracks (the first client's are 0, 1...); setPcm opens one's source.
-    Process& client(int tracks, const char* hold = "") {
-        peers.push_back(std::make_unique<Process>(
-            std::vector<std::string>{TRACK_CLIENT_PATH, std::to_string(tracks), hold}));
-        EXPECT_EQ(peers.back()->readLine(), "ready");
-        return *peers.back();
-    }
-    // ThreadSanitizer does not see the pipe and socket between this thread and the server's; the
-    // sink's lock, which the server takes to log before it calls the player, orders them.
-    std::string send(Process& peer, const std::string& command) {
-        sink->entries();
-        peer.writeLine(command);
-        return peer.readLine().value_or("(no answer)");
-    }
-    void setPcm(Process& peer, int track, long long id) {
-        EXPECT_EQ(send(peer, std::to_string(track) + " setZEMAudioSource " + hex(source(0))),
-                  "reply " + hex(id));
-    }
+    ~ServerTest() override { server.reset(); }  // before the configs it may still add to
 
-    PrivateRuntimeDir runtimeDir;
-    std::shared_ptr<NiceMock<MockPlayer>> player = std::make_shared<NiceMock<MockPlayer>>();
-    std::shared_ptr<RecordingLogSink> sink = std::make_shared<RecordingLogSink>();
     std::mutex configsMutex;            // guards: configs
     std::vector<SourceConfig> configs;  // every source the player opened: ids 100, 101...
-    std::unique_ptr<ZEMAudioServer> server = std::make_unique<ZEMAudioServer>(player, sink);
-    AudioServerImpl* impl = static_cast<AudioServerImpl*>(player->delegate.load());
-    std::vector<std::unique_ptr<Process>> peers;
 };
 
 TEST_F(ServerTest, RequestReachesPlayerWithCurrentSourceIdAndAMalformedOneChangesNothing) {
@@ -301,17 +265,25 @@ TEST_F(ServerTest, EventsOfATrackNeverOverlapAudioFlowsBetweenAndADeadClientOnly
     EXPECT_EQ(sink->count(LOG_ERROR, "remoteEvent:client is dead"), 1u);
 }
 
-TEST_F(ServerTest, RegistryKeepsTheOldestOwnerNeverReusesIdsAndOutlivesItsTracks) {
+TEST_F(ServerTest, RegistryFollowsSourceChangesKeepsTheOldestOwnerNeverReusesIdsOutlivesTracks) {
     ON_CALL(*player, setSource).WillByDefault(Return(5));
     Process& first = client(3);
     for (int track = 0; track < 3; ++track) setPcm(first, track, 5);
-    uint8_t byte = 0;
-    impl->getData(&byte, 1, 5);
-    EXPECT_EQ(first.readLine(), "getBuffer 0 1");
-    EXPECT_CALL(*player, releaseSource(5)).Times(3);  // by "destroy", then as the client dies
-    EXPECT_EQ(send(first, "0 destroy -"), "reply -");
-    impl->getData(&byte, 1, 5);
-    EXPECT_EQ(first.readLine(), "getBuffer 1 1");
+    auto reach = [&](long long id) {  // the track that getData for `id` reaches
+        uint8_t byte = 0;
+        impl->getData(&byte, 1, id);
+        return first.readLine().value_or("(none)");
+    };
+    EXPECT_EQ(reach(5), "getBuffer 0 1");
+    // By "destroy", by a new source, as the client dies.
+    EXPECT_CALL(*player, releaseSource(5)).Times(3);
+    EXPECT_CALL(*player, releaseSource(6));
+    ON_CALL(*player, setSource).WillByDefault(Return(6));
+    setPcm(first, 0, 6);
+    EXPECT_EQ(reach(6), "getBuffer 0 1");
+    EXPECT_EQ(reach(5), "getBuffer 1 1");
+    EXPECT_EQ(send(first, "1 destroy -"), "reply -");
+    EXPECT_EQ(reach(5), "getBuffer 2 1");
     first.kill();
     ASSERT_TRUE(waitUntil([&] { return sink->count(LOG_LIFECYCLE, "removeTrack:trackId=") == 3; }));
     // The server goes while a request of the next client's tracks 3 and 4 is in the player.

@@ -10,15 +10,12 @@
 #include <atomic>
 #include <climits>
 #include <future>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "common/RecordCodec.h"
-#include "support/MockPlayer.h"
-#include "support/Process.h"
-#include "support/RawArgs.h"
+#include "support/ServerFixture.h"
 
 namespace orv::test {
 namespace {
@@ -69,38 +66,15 @@ TEST(HostileServiceTest, MalformedRepliesAndOversizedBufferRequestsFailAloneAndT
     EXPECT_EQ(filled, 2);
 }
 
-class HostileClientTest : public Test {
+class HostileClientTest : public ServerFixture {
 protected:
     HostileClientTest() {
         ON_CALL(*player, setSource).WillByDefault([this](const SourceConfig&, const char*) {
             return nextSourceId.fetch_add(1);
         });
     }
-    // A peer, once it said it is ready.
-    Process& start(std::vector<std::string> argv) {
-        peers.push_back(std::make_unique<Process>(std::move(argv)));
-        EXPECT_EQ(peers.back()->readLine(), "ready");
-        return *peers.back();
-    }
-    // The sink's lock orders this thread's mock set-up before the server's use of it, which
-    // ThreadSanitizer does not see through the socket and the pipe.
-    std::string send(Process& peer, const std::string& command) {
-        sink->entries();
-        peer.writeLine(command);
-        return peer.readLine().value_or("(no answer)");
-    }
-    void setPcm(Process& peer, long long id) {
-        EXPECT_EQ(send(peer, "0 setZEMAudioSource " + Raw::encoding(source(0)).hex()),
-                  "reply " + Raw::encoding(id).hex());
-    }
 
-    PrivateRuntimeDir runtimeDir;
-    std::shared_ptr<NiceMock<MockPlayer>> player = std::make_shared<NiceMock<MockPlayer>>();
-    std::shared_ptr<RecordingLogSink> sink = std::make_shared<RecordingLogSink>();
     std::atomic<long long> nextSourceId{100};  // the player's next source id
-    std::unique_ptr<ZEMAudioServer> server = std::make_unique<ZEMAudioServer>(player, sink);
-    AudioServerImpl* impl = static_cast<AudioServerImpl*>(player->delegate.load());
-    std::vector<std::unique_ptr<Process>> peers;
 };
 
 // The sleeper, then the destroyer, come before the polite client in the registry: a broadcast
@@ -114,8 +88,8 @@ TEST_F(HostileClientTest, AClientStuckInOrDestroyingFromItsMetadataEventHoldsUpN
     });
     Process& sleeper = start({HOSTILE_CLIENT_PATH, "sleep"});      // source 100
     Process& destroyer = start({HOSTILE_CLIENT_PATH, "destroy"});  // source 101
-    Process& polite = start({TRACK_CLIENT_PATH, "1"});
-    setPcm(polite, 102);
+    Process& polite = client(1);
+    setPcm(polite, 0, 102);
     uint8_t buffer[64];
     int got = 0;
     EXPECT_NO_THROW(got = impl->getData(buffer, sizeof buffer, 100));  // answered malformed
@@ -132,13 +106,13 @@ TEST_F(HostileClientTest, AClientStuckInOrDestroyingFromItsMetadataEventHoldsUpN
     MetadataKeyValuePairs pairs;
     pairs.pairs[pairs.count++] = MetadataKeyValuePair("com.tarnek.kolvo.metadata.update", "true");
     pairs.pairs[pairs.count++] = MetadataKeyValuePair("title", "Song");
-    EXPECT_EQ(polite.readLine(), "event 0 onStreamMetadataExtracted " +
-                                     Raw::encoding(102LL, MediaPlayerStateV2(), pairs).hex());
+    EXPECT_EQ(polite.readLine(),
+              "event 0 onStreamMetadataExtracted " + hex(102LL, MediaPlayerStateV2(), pairs));
     // While the sleeper still holds its event, the others' audio flows and new tracks come.
     auto pull = std::async(std::launch::async, [&] { return impl->getData(buffer, 64, 102); });
     EXPECT_EQ(pull.wait_for(kTimeout), std::future_status::ready);
     EXPECT_EQ(polite.readLine(), "getBuffer 0 64");
-    start({TRACK_CLIENT_PATH, "1"});
+    client(1);
     EXPECT_NE(broadcast.wait_for(std::chrono::milliseconds(0)), std::future_status::ready);
     sleeper.writeLine("wake");
     const bool done = broadcast.wait_for(kTimeout) == std::future_status::ready;
@@ -159,45 +133,19 @@ TEST_F(HostileClientTest, EverySourceATrackStillHoldsIsReleasedOnceWhenItGoes) {
             return 0;
         });
     }
-    Process& peer = start({TRACK_CLIENT_PATH, "1"});
-    setPcm(peer, 100);
+    Process& peer = client(1);
+    setPcm(peer, 0, 100);
     EXPECT_EQ(send(peer, "0 destroy -"), "reply -");
-    setPcm(peer, 101);
+    setPcm(peer, 0, 101);
     EXPECT_THAT(send(peer, "0 play -"), StartsWith("reply "));
     const MediaDescription none;
     EXPECT_EQ(send(peer, "0 setZEMAudioSourceV2MediaDescription " +
-                             Raw::encoding(source<ZEMAudioSourceV2>(kSourceTypeUrl), none).hex()),
-              "reply " + Raw::encoding(102LL).hex());
+                             hex(source<ZEMAudioSourceV2>(kSourceTypeUrl), none)),
+              "reply " + hex(102LL));
     peer.kill();
     EXPECT_EQ(gone.get_future().wait_for(kTimeout), std::future_status::ready);
     EXPECT_EQ(
         sink->count(LOG_LIFECYCLE, "~ZEMServerTrack:released sourceId=102, set after destroy"), 1u);
-}
-
-// The registry's lookup by source id follows a track's new source id and its departure, and a
-// miss is logged as it always was.
-TEST_F(HostileClientTest, TheOwnerOfASourceIdFollowsSourceChangesAndDeparture) {
-    Process& peer = start({TRACK_CLIENT_PATH, "2"});
-    // The client's track that getData for `id` reaches, or the lines of a miss.
-    auto reach = [&](long long id) {
-        sink->clear();
-        uint8_t byte = 0;
-        if (impl->getData(&byte, 1, id) == 1) return peer.readLine().value_or("(none)");
-        return text(sink->count(LOG_ERROR, "getTrack:cannot find track, sourceId=5")) +
-               text(sink->count(LOG_ERROR, "getData:no track found, sourceId=5"));
-    };
-    for (int track : {0, 1}) {
-        nextSourceId = 5;
-        EXPECT_EQ(send(peer, text(track) + " setZEMAudioSource " + Raw::encoding(source(0)).hex()),
-                  "reply " + Raw::encoding(5LL).hex());
-    }
-    EXPECT_EQ(reach(5), "getBuffer 0 1");  // the older track
-    setPcm(peer, 6);                       // track 0 moves from 5 to 6
-    EXPECT_EQ(reach(6), "getBuffer 0 1");
-    EXPECT_EQ(reach(5), "getBuffer 1 1");
-    EXPECT_EQ(send(peer, "1 destroy -"), "reply -");
-    EXPECT_EQ(reach(5), "11");
-    EXPECT_EQ(reach(0x100000005), "11");  // only the low 32 bits are printed
 }
 
 }  // namespace

@@ -98,19 +98,17 @@ bool settles(std::future<T>& outcome) {
     return ::testing::AssertionSuccess();
 }
 
-// What the served objects' calls to their clients raised, in order.
-std::mutex calloutsMutex;
-std::vector<std::string> calloutFailures;  // guards: calloutsMutex
-void calloutFailed(const std::string& failure) {
-    std::lock_guard<std::mutex> lock(calloutsMutex);
-    calloutFailures.push_back(failure);
+// What the served objects' calls to their clients raised, and on whose behalf each object was
+// released (a pid, or "nobody"), in order, whatever thread wrote them.
+orv::test::RecordingLogSink calloutFailures, releasedFor;
+void note(orv::test::RecordingLogSink& to, const std::string& line) {
+    to.logMessage(orv::LOG_ERROR, "", line.c_str());
 }
-std::vector<std::string> failedCallouts() {
-    std::lock_guard<std::mutex> lock(calloutsMutex);
-    return calloutFailures;
+std::vector<std::string> notes(const orv::test::RecordingLogSink& from) {
+    std::vector<std::string> lines;
+    for (const auto& entry : from.entries()) lines.push_back(entry.message);
+    return lines;
 }
-// On whose behalf each served object was released: a pid, or "nobody".
-std::vector<std::string> releasedFor;  // guards: calloutsMutex
 
 // An object that the test process serves. It counts its live instances so that tests can watch
 // the transport release them, calls back to its client on request, and can send events from a
@@ -125,7 +123,7 @@ public:
             AndroidBuffer buffer;
             const std::string failure =
                 errorOf([&] { buffer = callback("getBuffer", bytes).as<AndroidBuffer>(); });
-            if (!failure.empty()) calloutFailed(failure);
+            if (!failure.empty()) note(calloutFailures, failure);
             if (!failure.empty()) throw std::runtime_error(failure);
             return buffer;
         });
@@ -145,7 +143,7 @@ public:
                 const std::string raised = errorOf([&] { event.get(); });
                 if (failure.empty()) failure = raised;
             }
-            calloutFailed(failure);
+            note(calloutFailures, failure);
         });
         bind("startTicking", [this] {
             worker_ = std::thread([this] {
@@ -162,8 +160,7 @@ public:
             EXPECT_EQ(ended_, "dead_object") << "what ended the events of a gone client";
         }
         const auto peer = callingPeer();
-        std::lock_guard<std::mutex> lock(calloutsMutex);
-        releasedFor.push_back(peer ? std::to_string(peer->pid) : "nobody");
+        note(releasedFor, peer ? std::to_string(peer->pid) : "nobody");
         --alive_;
     }
 
@@ -203,11 +200,8 @@ class TransportTest : public ::testing::Test {
 protected:
     TransportTest() {
         logged.clear();
-        {
-            std::lock_guard<std::mutex> lock(calloutsMutex);
-            calloutFailures.clear();
-            releasedFor.clear();
-        }
+        calloutFailures.clear();
+        releasedFor.clear();
         setLogHandler(
             [](const std::string& line) { logged.logMessage(orv::LOG_ERROR, "", line.c_str()); });
         ::alarm(60);
@@ -346,23 +340,6 @@ TEST_F(EchoTest, MessagesOfExactlyTheLimitCrossAndOneByteMoreIsRefusedBeforeItIs
     EXPECT_EQ(echo_.call("echoInt", 7).as<int>(), 7);
 }
 
-TEST_F(EchoTest, EventsArriveInOrderAtTheirProxyOnly) {
-    AndroidProxy other(&client_, "Echo");
-    std::mutex mutex;
-    std::vector<int> ticks;
-    std::atomic<int> strays{0};
-    echo_.bind("tick", [&](int i) {
-        std::lock_guard<std::mutex> lock(mutex);
-        ticks.push_back(i);
-    });
-    other.bind("tick", [&](int) { ++strays; });
-    // Each event waits for the client's answer, so all have been handled once the call returns.
-    EXPECT_EQ(echo_.call("ticks", 5).as<int>(), 5);
-    std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(ticks, (std::vector<int>{0, 1, 2, 3, 4}));
-    EXPECT_EQ(strays, 0);
-}
-
 TEST_F(EchoTest, FailuresComeBackAsErrorRepliesAndTheConnectionCarriesOn) {
     // No factory, a factory that makes nothing, a factory that throws.
     for (const char* type : {"NoSuchType", "Null", "Throwing"}) {
@@ -457,49 +434,38 @@ TEST_F(EchoTest, HandlersWaitingForAnswersStopAtTheirBoundAndTheOthersFinish) {
     EXPECT_EQ(echo_.call("echoInt", 3).as<int>(), 3);
 }
 
-TEST_F(TransportTest, KilledServerFailsThePendingCallAndTellsEachProxyOnce) {
-    Process& server = startPeer({"server", kService});
-    AndroidClient client(kService);
-    AndroidProxy first(&client, "Echo");
-    AndroidProxy second(&client, "Echo");
-    std::atomic<int> firstDeaths{0}, secondDeaths{0};
+// The client's track proxy binds "death" in its constructor: a death that comes before then must
+// still reach it, once, and the proxies that had theirs get no second one.
+TEST_F(EchoTest, KilledServerFailsThePendingCallAndTellsEachProxyOnceEvenOneThatBindsLate) {
+    AndroidProxy second(&client_, "Echo");
+    AndroidProxy late(&client_, "Echo");
+    std::atomic<int> firstDeaths{0}, secondDeaths{0}, lateDeaths{0};
     std::atomic<bool> callFromDeathFailed{false};
-    first.bind("death", [&] {
+    echo_.bind("death", [&] {
         ++firstDeaths;
         // A listener told of the death may still try the server; that must fail, not hang.
-        callFromDeathFailed = errorOf([&] { first.call("echoInt", 1); }) == "dead_object";
+        callFromDeathFailed = errorOf([&] { echo_.call("echoInt", 1); }) == "dead_object";
     });
     second.bind("death", [&] { ++secondDeaths; });
 
-    auto pending = std::async(std::launch::async, [&] { return first.call("hang"); });
-    const std::optional<std::string> parked = server.readLine();
-    server.kill();  // before any check: a failing one would leave the call pending for good
+    auto pending = std::async(std::launch::async, [&] { return echo_.call("hang"); });
+    const std::optional<std::string> parked = server_.readLine();
+    server_.kill();  // before any check: a failing one would leave the call pending for good
     EXPECT_EQ(parked, "hanging");
     ASSERT_TRUE(settles(pending));
     EXPECT_THROW(pending.get(), dead_object);
 
     EXPECT_TRUE(waitUntil([&] { return firstDeaths + secondDeaths == 2; }));
     EXPECT_THROW(second.call("echoInt", 2), dead_object);
-    EXPECT_THROW(AndroidProxy third(&client, "Echo"), dead_object);
+    EXPECT_THROW(AndroidProxy third(&client_, "Echo"), dead_object);
+    late.bind("death", [&] { ++lateDeaths; });
+    EXPECT_TRUE(waitUntil([&] { return lateDeaths == 1; }));
+    late.bind("death", [&] { ++lateDeaths; });  // binding again is no call for another
+    client_.stop();
     EXPECT_EQ(firstDeaths, 1);
     EXPECT_EQ(secondDeaths, 1);
+    EXPECT_EQ(lateDeaths, 1);
     EXPECT_TRUE(callFromDeathFailed);
-}
-
-// The client's track proxy binds "death" in its constructor: a death that comes before then
-// must still reach it, and only it: the proxy that had its death already gets no second one.
-TEST_F(EchoTest, DeathThatComesBeforeAProxyBindsDeathReachesItOnceItDoes) {
-    std::atomic<int> witnessed{0}, deaths{0};
-    echo_.bind("death", [&] { ++witnessed; });
-    AndroidProxy late(&client_, "Echo");
-    server_.kill();
-    ASSERT_TRUE(waitUntil([&] { return witnessed == 1; }));
-    late.bind("death", [&] { ++deaths; });
-    EXPECT_TRUE(waitUntil([&] { return deaths == 1; }));
-    late.bind("death", [&] { ++deaths; });  // binding again is no call for another
-    client_.stop();
-    EXPECT_EQ(deaths, 1);
-    EXPECT_EQ(witnessed, 1);
 }
 
 // A client callback handler still runs on a pool thread when two threads stop the client; the
@@ -676,23 +642,31 @@ INSTANTIATE_TEST_SUITE_P(Frames, MalformedFrameToServerTest,
 class MalformedFrameToClientTest : public TransportTest,
                                    public ::testing::WithParamInterface<BadFrame> {};
 
-// Plays a service at `listener` for one client until it holds one proxy; returns both channels.
-std::pair<UniqueFd, UniqueFd> serveUntilCreated(int listener) {
+// Plays a service at `listener` for one client: greets it, takes `creates` creations and only
+// then answers each (Fake#1, Fake#2...); returns the request and event channels.
+std::pair<UniqueFd, UniqueFd> serveCreating(int listener, int creates = 1) {
     std::pair<UniqueFd, UniqueFd> channels;
-    transport::Frame hello, create;
+    transport::Frame hello;
+    std::vector<transport::Frame> made(static_cast<size_t>(creates));
     if (!readable(listener)) return channels;
     channels.first.reset(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
     if (!received(channels.first.get(), hello) || hello.fds.size() != 1) return channels;
     channels.second = std::move(hello.fds[0]);
     transport::sendFrame(channels.first.get(), FrameKind::HelloAck, hello.txn, nullptr, 0, {});
-    if (!received(channels.first.get(), create)) return channels;
-    transport::sendFrame(channels.first.get(), FrameKind::Reply, create.txn, "Fake#1", 6, {});
+    for (auto& create : made) {
+        if (!received(channels.first.get(), create)) return channels;
+    }
+    for (int i = 0; i < creates; ++i) {
+        const std::string id = "Fake#" + std::to_string(i + 1);
+        transport::sendFrame(channels.first.get(), FrameKind::Reply, made[i].txn, id.data(),
+                             id.size(), {});
+    }
     return channels;
 }
 
 TEST_P(MalformedFrameToClientTest, ClientDisconnectsLogsItAndReportsDeathOnce) {
     const UniqueFd listener = socketAt(servicePath(), true);
-    auto fake = std::async(std::launch::async, serveUntilCreated, listener.get());
+    auto fake = std::async(std::launch::async, [&] { return serveCreating(listener.get()); });
     std::atomic<int> deaths{0};
     {
         AndroidClient client(kService);
@@ -767,8 +741,7 @@ TEST_F(TransportTest, DroppedProxiesAndGoneClientsReleaseTheirObjectsAndDescript
     local.reset();
     EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; }));
     // A release that the client asked for runs on its behalf; the transport's, on nobody's.
-    std::lock_guard<std::mutex> lock(calloutsMutex);
-    EXPECT_THAT(releasedFor,
+    EXPECT_THAT(notes(releasedFor),
                 ::testing::ElementsAre(std::to_string(::getpid()), "nobody", "nobody"));
 }
 
@@ -925,20 +898,13 @@ TEST_F(TransportTest, ServerOutOfThreadsRefusesANewClientAndKeepsServing) {
     EXPECT_TRUE(serves("Echo"));
 }
 
-// Sets $PARLEX_CONNECT_DEADLINE_MS for the life of a test.
-class ConnectDeadline {
-public:
-    explicit ConnectDeadline(const char* ms) { ::setenv("PARLEX_CONNECT_DEADLINE_MS", ms, 1); }
-    ~ConnectDeadline() { ::unsetenv("PARLEX_CONNECT_DEADLINE_MS"); }
-};
-
 // A service that takes no connection (a stopped one, whose connections wait in the listen
 // backlog until it is full) fails the client at the connect deadline, leaving no thread or
 // descriptor behind. A service that greets and then does not answer fails the creation of an
 // object, and its late answer goes nowhere; one that does not answer a release lets the proxy
 // go all the same.
 TEST_F(TransportTest, ServiceThatDoesNotAnswerFailsTheClientAtTheConnectDeadlineLeavingNothing) {
-    const ConnectDeadline deadline("200");
+    ::setenv("PARLEX_CONNECT_DEADLINE_MS", "200", 1);
     std::thread([] {}).join();  // ThreadSanitizer's own thread comes with the first one
     const auto started = std::chrono::steady_clock::now();
     const std::string noAnswer = "error: parlex: service '" + std::string(kService) + "' at " +
@@ -958,17 +924,9 @@ TEST_F(TransportTest, ServiceThatDoesNotAnswerFailsTheClientAtTheConnectDeadline
     const UniqueFd listener = socketAt(servicePath() + "2", true);
     std::promise<void> clientDone;
     auto fake = std::async(std::launch::async, [&] {
-        transport::Frame hello, unanswered, answered, release;
-        if (!readable(listener.get())) return false;
-        const UniqueFd requests(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!received(requests.get(), hello)) return false;
-        transport::sendFrame(requests.get(), FrameKind::HelloAck, hello.txn, nullptr, 0, {});
-        if (!received(requests.get(), unanswered) || !received(requests.get(), answered)) {
-            return false;
-        }
-        transport::sendFrame(requests.get(), FrameKind::Reply, unanswered.txn, "Fake#1", 6, {});
-        transport::sendFrame(requests.get(), FrameKind::Reply, answered.txn, "Fake#2", 6, {});
-        const bool released = received(requests.get(), release);
+        const auto channels = serveCreating(listener.get(), 2);
+        transport::Frame release;
+        const bool released = received(channels.first.get(), release);
         clientDone.get_future().wait();
         return released && release.kind == FrameKind::Release;
     });
@@ -997,7 +955,7 @@ TEST_F(TransportTest, ClientThatNeverAnswersACallbackIsDisconnectedAtTheCallDead
     EXPECT_TRUE(serves());
     EXPECT_EQ(stuck.readLine(), "dead_object");
     EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; })) << server.alive() << " alive";
-    EXPECT_THAT(failedCallouts(), ::testing::ElementsAre("dead_object"));
+    EXPECT_THAT(notes(calloutFailures), ::testing::ElementsAre("dead_object"));
     EXPECT_EQ(loggedWith("parlex: client " + described(stuck.pid()) +
                          " did not answer or take its messages within 300 ms; disconnecting"),
               1u);
@@ -1040,7 +998,7 @@ TEST_F(TransportTest, ClientThatStopsReadingIsDisconnectedAtTheCallDeadline) {
         EXPECT_EQ(loggedWith(line), linesBefore + 1);
         EXPECT_EQ(watcher.call("echoInt", 4).as<int>(), 4);
     }
-    EXPECT_THAT(failedCallouts(), ::testing::ElementsAre("dead_object"));
+    EXPECT_THAT(notes(calloutFailures), ::testing::ElementsAre("dead_object"));
 }
 
 // The peer server at its descriptor limit fails a request that came with a memfd and a reply

@@ -8,7 +8,6 @@
 // Ends with stdin.
 #include <parlex/binder.h>
 
-#include <cstdio>
 #include <future>
 #include <iostream>
 #include <string>
@@ -16,17 +15,10 @@
 #include "common/RecordCodec.h"
 #include "parlex/TrackProtocol.h"
 #include "support/RawArgs.h"
-
-namespace {
+#include "support/Say.h"
 
 using orv::test::Raw;
-
-void say(const std::string& line) {
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
-
-}  // namespace
+using orv::test::say;
 
 int main(int, char** argv) {
     using namespace orv::protocol;

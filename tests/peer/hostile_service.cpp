@@ -6,8 +6,6 @@
 // published; ends with stdin.
 #include <parlex/binder.h>
 
-#include <cstdint>
-#include <cstdio>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -15,15 +13,12 @@
 
 #include "parlex/TrackProtocol.h"
 #include "support/RawArgs.h"
+#include "support/Say.h"
 
 namespace {
 
 using orv::test::Raw;
-
-void say(const std::string& line) {
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
+using orv::test::say;
 
 std::mutex newestMutex;  // guards: newest
 std::weak_ptr<parlex::AndroidImpl> newest;

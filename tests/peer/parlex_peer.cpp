@@ -30,15 +30,12 @@
 #include <thread>
 #include <vector>
 
+#include "support/Say.h"
+
 namespace {
 
+using orv::test::say;
 using parlex::AndroidBuffer;
-
-// One line to the test: "ready", then "hanging" from a handler.
-void say(const std::string& line) {
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
 
 // Set when stdin ends; parked handlers return then, so that the shutdown can join them.
 std::promise<void> stdinEnded;
@@ -106,10 +103,6 @@ public:
         // The client's answer to "getBuffer", passed back in the reply.
         bind("pull",
              [this](int bytes) { return callback("getBuffer", bytes).as<AndroidBuffer>(); });
-        bind("ticks", [this](int count) {
-            for (int i = 0; i < count; ++i) event("tick", i);
-            return count;
-        });
         // "<creator pid> <creator uid> <caller pid> <caller uid> <seen on another thread>".
         bind("callingPeer", [this] {
             const auto caller = parlex::callingPeer();

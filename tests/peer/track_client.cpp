@@ -8,7 +8,6 @@
 #include <parlex/binder.h>
 
 #include <atomic>
-#include <cstdio>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -18,16 +17,12 @@
 
 #include "parlex/TrackProtocol.h"
 #include "support/RawArgs.h"
+#include "support/Say.h"
 
 namespace {
 
-// Whole lines: stdio locks the stream for each call.
-void say(const std::string& line) {
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
-
 using orv::test::Raw;
+using orv::test::say;
 
 std::atomic<int> bufferBytes{-1};
 std::atomic<bool> holdFirst{false};

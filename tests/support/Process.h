@@ -128,13 +128,15 @@ private:
 };
 
 // A runtime directory of its own for the life of a test, so that its services cannot meet those
-// of another test run on the same machine. Children started meanwhile inherit it.
+// of another test run on the same machine, and the transport's settings at their defaults.
+// Children started meanwhile inherit them.
 class PrivateRuntimeDir {
 public:
     PrivateRuntimeDir() {
         if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
         ::setenv("PARLEX_RUNTIME_DIR", path_.c_str(), 1);
         ::unsetenv("PARLEX_SOCKET_MODE");
+        ::unsetenv("PARLEX_CONNECT_DEADLINE_MS");
     }
     ~PrivateRuntimeDir() { std::filesystem::remove_all(path_); }
     PrivateRuntimeDir(const PrivateRuntimeDir&) = delete;
