@@ -155,6 +155,18 @@ TEST(ServiceTest, ZemPlayEndsPromptlyOnSigtermWhileInitWaitsOrTheServiceStalls) 
     EXPECT_EQ(exitStatus(service.finish()), 0);
 }
 
+// A PCM source of 16-bit stereo at 48000 Hz.
+orv::ZEMAudioSourceV4 stereoPcm() {
+    orv::ZEMAudioSourceV4 source;
+    source.type = orv::kSourceTypePcm;
+    source.format.sampleRate = 48000;
+    source.format.sampleSizeInBits = 16;
+    source.format.channelNum = 2;
+    source.format.isSigned = true;
+    source.format.layout = 1;
+    return source;
+}
+
 // A client that never answers a request for audio.
 class StallingListener : public zem::Listener {
 public:
@@ -198,13 +210,7 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
     ASSERT_TRUE(track->init(std::shared_ptr<orv::EventListenerV3>(listener),
                             std::make_shared<zem::StderrLogSink>("test", 6)));
-    orv::ZEMAudioSourceV4 source;
-    source.type = orv::kSourceTypePcm;
-    source.format.sampleRate = 48000;
-    source.format.sampleSizeInBits = 16;
-    source.format.channelNum = 2;
-    source.format.isSigned = true;
-    source.format.layout = 1;
+    const orv::ZEMAudioSourceV4 source = stereoPcm();
     ASSERT_GT(track->setSource(source, orv::MediaDescription()), 0);
     track->play();
     ASSERT_TRUE(parlex::test::waitUntil([&] { return listener->asked.load(); }));
@@ -259,13 +265,7 @@ TEST(ServiceTest, LateClientIsHeardAsItsOwnUnderrunAndAnotherClientPlaysOnUnbrok
     std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
     ASSERT_TRUE(track->init(std::shared_ptr<orv::EventListenerV3>(listener),
                             std::make_shared<zem::StderrLogSink>("test", 6)));
-    orv::ZEMAudioSourceV4 source;
-    source.type = orv::kSourceTypePcm;
-    source.format.sampleRate = 48000;
-    source.format.sampleSizeInBits = 16;
-    source.format.channelNum = 2;
-    source.format.isSigned = true;
-    source.format.layout = 1;
+    const orv::ZEMAudioSourceV4 source = stereoPcm();
     orv::MediaDescription length;
     length.firstMap.count = 1;
     length.firstMap.pairs[0] = orv::DescriptionPair(zem::kTotalFramesKey, "48000");
