@@ -78,9 +78,9 @@ TEST(ZemPlayTest, UrlsGoAsGivenPathsAsAbsoluteUrlsStdinAsPcmCutFilesEndAndTheWor
 
     // A file cut off before the length its header declares: heard up to the cut, then a failure,
     // rather than a service that waits for the rest for ever.
-    ASSERT_EQ(shell(dir.path(),
-                    std::string(ZEM_WAVTOOL_PATH) + " generate long.flac 2 && head -c $(($(stat -c "
-                                                    "%s long.flac) * 7 / 10)) long.flac > cut.flac")
+    ASSERT_EQ(shell(dir.path(), std::string(ZEM_WAVTOOL_PATH) +
+                                    " generate long.flac 2 && head -c $(($(stat -c "
+                                    "%s long.flac) * 7 / 10)) long.flac > cut.flac")
                   .second,
               0);
     std::tie(output, status) = shell(dir.path(), play + " cut.flac");
