@@ -104,7 +104,8 @@ int serve(int argc, char** argv) {
     app.add_flag("-v,--verbose", verbosity,
                  "log more: -v lifecycle, -vv every call and event, -vvv the data path");
     app.footer(kExamples);
-    if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv)) return *status;
+    if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv, "zem-audiod"))
+        return *status;
     std::string error;
     const std::optional<zem::SinkSpec> sink = zem::SinkSpec::parse(sinkText, error);
     if (!sink) {

@@ -657,16 +657,9 @@ int main(int argc, char** argv) {
                  "show the library's log: -v errors, -vv lifecycle, -vvv calls, -vvvv data");
     app.set_version_flag("--version", "zem-play " ZEM_PLAY_VERSION);
     app.footer(kExamples);
-    const auto usage = [](const std::string& text) {
-        std::fprintf(stderr, "zem-play: %s\nzem-play: see zem-play --help\n", text.c_str());
-        return kUsage;
-    };
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& done) {  // --help, --version
-        return app.exit(done);
-    } catch (const CLI::ParseError& failure) {
-        return usage(failure.what());
+    const auto usage = [](const std::string& text) { return zem::usageError("zem-play", text); };
+    if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv, "zem-play")) {
+        return *status;
     }
     std::string error;
     if (options.inputs.empty()) return usage("nothing to play: give files, URLs or - for stdin");

@@ -209,7 +209,8 @@ int main(int argc, char** argv) {
         "mix", "exit 0 when MIX holds the sum of the inputs, each at its frame and gain");
     mixCmd->add_option("mix", mixed)->required();
     mixCmd->add_option("inputs", inputs, "FILE@FRAME or FILE@FRAME*GAIN")->required();
-    if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv)) return *status;
+    if (const std::optional<int> status = zem::parseCommandLine(app, argc, argv, "zem-wavtool"))
+        return *status;
     if (*gen) return generate(path, seconds, rate, title, artist);
     if (*mixCmd) return mix(mixed, inputs);
     return compare(expected, actual);
