@@ -28,6 +28,19 @@ long slotOf(MemberFunction function) {
     EXPECT_EQ(slotOf(static_cast<Result(Class::*) Params>(&Class::name)), expected) \
         << #Class << "::" #name #Params
 
+// `functions`, in the order given, hold the slots from `first` on. Their signatures are pinned
+// by the test doubles that override them (support/TrackCases.h, support/MockPlayer.h).
+template <typename... Functions>
+void expectSlots(const char* names, long first, Functions... functions) {
+    long slot = first;
+    const auto expect = [&](long found) {
+        EXPECT_EQ(found, slot) << "slot " << slot << " of " << names;
+        ++slot;
+    };
+    (expect(slotOf(functions)), ...);
+}
+#define SLOTS(first, ...) expectSlots(#__VA_ARGS__, first, __VA_ARGS__)
+
 using Sink = std::shared_ptr<LoggingDelegate>;
 using State = const MediaPlayerStateV2&;
 
@@ -59,101 +72,46 @@ TEST(AbiSlots, ClientTrack) {
     SLOT(T, bool, setFocusSessionId, (unsigned int), 25);
 }
 
-TEST(AbiSlots, ListenerVersion1) {
+TEST(AbiSlots, Listeners) {
     using L = EventListener;
-    SLOT(L, int, getBuffer, (uint8_t*, int), 2);
-    SLOT(L, void, closeAudioSource, (), 3);
-    SLOT(L, void, onFirstByteRead, (long long, int), 4);
-    SLOT(L, void, onPlaybackStarted, (long long, int), 5);
-    SLOT(L, void, onPlaybackFinished, (long long, int), 6);
-    SLOT(L, void, onPlaybackError, (long long, ErrorType, const char*, int), 7);
-    SLOT(L, void, onPlaybackPaused, (long long, int), 8);
-    SLOT(L, void, onPlaybackResumed, (long long, int), 9);
-    SLOT(L, void, onPlaybackStopped, (long long, int), 10);
-    SLOT(L, void, onBufferUnderrun, (long long, int), 11);
-    SLOT(L, void, onBufferRefilled, (long long, int), 12);
-    SLOT(L, void, onBufferingComplete, (long long, int), 13);
-    SLOT(L, void, onStopRequested, (long long), 14);
-    SLOT(L, void, onReportMetric, (const char*, const char*), 15);
-    SLOT(L, void, onServerDeath, (), 16);
-    SLOT(L, void, onStreamMetadataExtracted, (long long, int, const MetadataKeyValuePairs&), 17);
-    SLOT(L, void, onSeeked, (long long, int, int), 18);
-}
-
-// Versions 2 and 3 share slots 2 to 18; version 3 adds two.
-template <typename L>
-void expectVersionTwoSlots() {
-    SLOT(L, int, getBuffer, (uint8_t*, int), 2);
-    SLOT(L, void, closeAudioSource, (), 3);
-    SLOT(L, void, onStopRequested, (long long), 4);
-    SLOT(L, void, onReportMetric, (const char*, const char*), 5);
-    SLOT(L, void, onServerDeath, (), 6);
-    SLOT(L, void, onFirstByteRead, (long long, State), 7);
-    SLOT(L, void, onPlaybackStarted, (long long, State), 8);
-    SLOT(L, void, onPlaybackFinished, (long long, State), 9);
-    SLOT(L, void, onPlaybackError, (long long, ErrorType, const char*, State), 10);
-    SLOT(L, void, onPlaybackPaused, (long long, State), 11);
-    SLOT(L, void, onPlaybackResumed, (long long, State), 12);
-    SLOT(L, void, onPlaybackStopped, (long long, State), 13);
-    SLOT(L, void, onBufferUnderrun, (long long, State), 14);
-    SLOT(L, void, onBufferRefilled, (long long, State), 15);
-    SLOT(L, void, onBufferingComplete, (long long, State), 16);
-    SLOT(L, void, onStreamMetadataExtracted, (long long, State, const MetadataKeyValuePairs&), 17);
-    SLOT(L, void, onSeeked, (long long, State, State), 18);
-}
-
-TEST(AbiSlots, ListenerVersions2And3) {
-    expectVersionTwoSlots<EventListenerV2>();
-    expectVersionTwoSlots<EventListenerV3>();
-    using L = EventListenerV3;
-    SLOT(L, void, onLicenseAvailable, (long long), 19);
-    SLOT(L, void, onFirstDataSegmentAvailable, (long long), 20);
+    SLOTS(2, &L::getBuffer, &L::closeAudioSource, &L::onFirstByteRead, &L::onPlaybackStarted,
+          &L::onPlaybackFinished, &L::onPlaybackError, &L::onPlaybackPaused, &L::onPlaybackResumed,
+          &L::onPlaybackStopped, &L::onBufferUnderrun, &L::onBufferRefilled,
+          &L::onBufferingComplete, &L::onStopRequested, &L::onReportMetric, &L::onServerDeath,
+          &L::onStreamMetadataExtracted, &L::onSeeked);
+    using L2 = EventListenerV2;
+    using L3 = EventListenerV3;
+    // Versions 2 and 3 share slots 2 to 18; version 3 adds two.
+#define VERSION_TWO_SLOTS(L)                                                                       \
+    SLOTS(2, &L::getBuffer, &L::closeAudioSource, &L::onStopRequested, &L::onReportMetric,         \
+          &L::onServerDeath, &L::onFirstByteRead, &L::onPlaybackStarted, &L::onPlaybackFinished,   \
+          &L::onPlaybackError, &L::onPlaybackPaused, &L::onPlaybackResumed, &L::onPlaybackStopped, \
+          &L::onBufferUnderrun, &L::onBufferRefilled, &L::onBufferingComplete,                     \
+          &L::onStreamMetadataExtracted, &L::onSeeked)
+    VERSION_TWO_SLOTS(L2);
+    VERSION_TWO_SLOTS(L3);
+#undef VERSION_TWO_SLOTS
+    SLOTS(19, &L3::onLicenseAvailable, &L3::onFirstDataSegmentAvailable);
 }
 
 TEST(AbiSlots, PlayerHandler) {
     using H = OrvServerHandlerInterface;
-    SLOT(H, void, setMediaClientDelegate, (MediaClientDelegate*), 2);
-    SLOT(H, long long, setSource, (const SourceConfig&, const char*), 3);
-    SLOT(H, int, play, (long long), 4);
-    SLOT(H, int, stop, (long long), 5);
-    SLOT(H, int, pause, (long long), 6);
-    SLOT(H, int, resume, (long long), 7);
-    SLOT(H, int, newDecryptKey, (long long, const char*), 8);
-    SLOT(H, int, getOffset, (long long), 9);
-    SLOT(H, MediaPlayerState, getMediaPlayerState, (long long), 10);
-    SLOT(H, PlaybackAttributes, getPlaybackAttributes, (long long), 11);
-    SLOT(H, PlaybackReports, getPlaybackReports, (long long), 12);
-    SLOT(H, Fingerprint, getFingerprint, (long long), 13);
-    SLOT(H, int, seekTo, (long long, int, bool), 14);
-    SLOT(H, int, releaseSource, (long long), 15);
-    SLOT(H, PlaybackReportArray, getPlaybackReportArray, (long long), 16);
-    SLOT(H, int, setVolume, (float, long long), 17);
-    SLOT(H, int, setFocusSessionId, (unsigned int, long long), 18);
-    SLOT(H, MediaPlayerStateV2, getMediaPlayerStateV2, (long long), 19);
+    SLOTS(2, &H::setMediaClientDelegate, &H::setSource, &H::play, &H::stop, &H::pause, &H::resume,
+          &H::newDecryptKey, &H::getOffset, &H::getMediaPlayerState, &H::getPlaybackAttributes,
+          &H::getPlaybackReports, &H::getFingerprint, &H::seekTo, &H::releaseSource,
+          &H::getPlaybackReportArray, &H::setVolume, &H::setFocusSessionId,
+          &H::getMediaPlayerStateV2);
 }
 
 // The delegate's slots, read through the interface and through the server that implements it.
 template <typename D>
 void expectDelegateSlots() {
-    SLOT(D, int, getData, (uint8_t*, unsigned int, long long), 2);
-    SLOT(D, void, closeDataSource, (long long), 3);
-    SLOT(D, void, onStopRequested, (long long), 4);
-    SLOT(D, void, onFirstByteRead, (long long, State), 5);
-    SLOT(D, void, onPlaybackStarted, (long long, State), 6);
-    SLOT(D, void, onPlaybackFinished, (long long, State), 7);
-    SLOT(D, void, onPlaybackError, (long long, const ErrorType&, const char*, State), 8);
-    SLOT(D, void, onPlaybackPaused, (long long, State), 9);
-    SLOT(D, void, onPlaybackResumed, (long long, State), 10);
-    SLOT(D, void, onPlaybackStopped, (long long, State), 11);
-    SLOT(D, void, onBufferUnderrunStarted, (long long, State), 12);
-    SLOT(D, void, onBufferUnderrunEnded, (long long, State), 13);
-    SLOT(D, void, onBufferingComplete, (long long, State), 14);
-    SLOT(D, void, onStreamMetadataExtracted, (long long, State, const MetadataKeyValuePairs&), 15);
-    SLOT(D, void, onSeeked, (long long, State, State), 16);
-    SLOT(D, void, onLicenseAvailable, (long long), 17);
-    SLOT(D, void, onFirstDataSegmentAvailable, (long long), 18);
+    SLOTS(2, &D::getData, &D::closeDataSource, &D::onStopRequested, &D::onFirstByteRead,
+          &D::onPlaybackStarted, &D::onPlaybackFinished, &D::onPlaybackError, &D::onPlaybackPaused,
+          &D::onPlaybackResumed, &D::onPlaybackStopped, &D::onBufferUnderrunStarted,
+          &D::onBufferUnderrunEnded, &D::onBufferingComplete, &D::onStreamMetadataExtracted,
+          &D::onSeeked, &D::onLicenseAvailable, &D::onFirstDataSegmentAvailable);
 }
-
 TEST(AbiSlots, DelegateIsTheServersPrimaryBaseWithItsSlots) {
     expectDelegateSlots<MediaClientDelegate>();
     expectDelegateSlots<AudioServerImpl>();

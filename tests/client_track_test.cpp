@@ -1,10 +1,12 @@
 // The client half over the real transport, against the real server half with a mock player in
-// a player_service process (EndToEndTest), or against a bare service in this process.
+// a player_service process (EndToEndTest), a service that breaks the protocol (hostile_service),
+// or a bare service in this process.
 #include <gtest/gtest.h>
 #include <parlex/binder.h>
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <future>
 #include <memory>
 #include <thread>
@@ -159,6 +161,47 @@ TEST_F(EndToEndTest, GoneServiceFailsEachCallUntilTheDeathNoticeMarksItDead) {
     }));
     EXPECT_EQ(second.play(), 0);
     EXPECT_EQ(sink_->count(LOG_ERROR, "remoteCall:server not running"), 1u);
+}
+
+// A service that answers with malformed replies and asks for absurd buffers (hostile_service).
+using HostileServiceTest = ClientTest;
+TEST_F(HostileServiceTest, MalformedRepliesAndOversizedBufferRequestsFailAloneAndThrowNothing) {
+    parlex::test::Process service({HOSTILE_SERVICE_PATH});
+    ASSERT_EQ(service.readLine(), "ready");
+    std::atomic<int> filled{0};  // the listener's getBuffer calls; it writes nothing
+    listener_->count = [&](int) {
+        ++filled;
+        return 0;
+    };
+    auto track = connect(listener_);
+
+    std::string got;
+    EXPECT_NO_THROW(got = text(track->getPlaybackReportArray()));
+    EXPECT_EQ(got, "0:");
+    EXPECT_NO_THROW(got = text(track->getPlaybackReports()));
+    EXPECT_EQ(got, "0:");
+    EXPECT_EQ(
+        sink_->count(LOG_ERROR,
+                     "remoteCall:RPC failed exception: PlaybackReportArray count 1000 exceeds"),
+        1u);
+    EXPECT_EQ(sink_->count(LOG_ERROR,
+                           "remoteCall:RPC failed exception: PlaybackReports count 2147483647"),
+              1u);
+    EXPECT_TRUE(track->play());  // the connection is as it was
+
+    // Sizes beyond what one message can carry are refused before anything is allocated; the
+    // largest it can carry reaches the listener.
+    const int limit = static_cast<int>(parlex::kMaxMessageSize);
+    for (int size : {INT_MAX, limit + 1, -1, 16, limit}) {
+        const bool refused = size != 16 && size != limit;
+        ASSERT_TRUE(service.writeLine("getBuffer " + text(size)));
+        EXPECT_EQ(service.readLine().value_or("").substr(0, 6), refused ? "error " : "reply ")
+            << size;
+        EXPECT_EQ(
+            sink_->count(LOG_ERROR, "getBuffer:refused a request for " + text(size) + " bytes"),
+            refused ? 1u : 0u);
+    }
+    EXPECT_EQ(filled, 2);
 }
 
 // A bare service in this process whose tracks count "destroy" and how many "play" requests of

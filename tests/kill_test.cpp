@@ -13,7 +13,6 @@
 #include <chrono>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -36,52 +35,16 @@ long long msSince(Clock::time_point start, Clock::time_point end) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(end - start).count();
 }
 
-// Notes when, and how often, the service's death reached it. Its getBuffer can be held, so that
-// the service is inside a pull when it dies.
-class DeathListener : public RecordingListener {
-public:
-    using RecordingListener::RecordingListener;
-    void onServerDeath() override {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (deaths++ == 0) diedAt = Clock::now();
+// The exported track's requests whose player calls kill_service blocks.
+std::vector<RequestRow<ZEMAudioTrack>> pendingRequests() {
+    const std::set<std::string> blocked = {
+        "play",   "stop",      "pause",     "resume",
+        "seekTo", "getOffset", "setVolume", "getMediaPlayerStateV2"};
+    std::vector<RequestRow<ZEMAudioTrack>> rows;
+    for (auto& row : requestRows<ZEMAudioTrack>()) {
+        if (blocked.count(callOf(row))) rows.push_back(row);
     }
-    int deathCount() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return deaths;
-    }
-    Clock::time_point deathTime() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return diedAt;
-    }
-
-private:
-    std::mutex mutex;  // guards: deaths, diedAt
-    int deaths = 0;
-    Clock::time_point diedAt;
-};
-
-// One request per application thread, each on its own track, with the default it returns when
-// the service is gone.
-struct PendingRequest {
-    const char* call;  // the player's call it blocks in, as kill_service writes it
-    std::function<std::string(ZEMAudioTrack&)> run;
-    std::string failed;
-};
-
-std::vector<PendingRequest> pendingRequests() {
-    const std::string noState =
-        text(MediaPlayerStateV2(0, 0, MediaPlayerProtection("", false), ""));
-    return {
-        {"play", [](ZEMAudioTrack& t) { return text(t.play()); }, text(false)},
-        {"stop", [](ZEMAudioTrack& t) { return text(t.stop()); }, text(false)},
-        {"pause", [](ZEMAudioTrack& t) { return text(t.pause()); }, text(false)},
-        {"resume", [](ZEMAudioTrack& t) { return text(t.resume()); }, text(false)},
-        {"getOffset", [](ZEMAudioTrack& t) { return text(t.getOffset()); }, text(-1)},
-        {"seekTo", [](ZEMAudioTrack& t) { return text(t.seekTo(5, true)); }, text(false)},
-        {"setVolume", [](ZEMAudioTrack& t) { return text(t.setVolume(0.5f)); }, text(false)},
-        {"getMediaPlayerStateV2", [](ZEMAudioTrack& t) { return text(t.getMediaPlayerStateV2()); },
-         noState},
-    };
+    return rows;
 }
 
 TEST(ServiceKillTest, PendingCallsFailWithTheirDefaultsAndEachListenerHearsDeathOnceWithin100Ms) {
@@ -89,12 +52,22 @@ TEST(ServiceKillTest, PendingCallsFailWithTheirDefaultsAndEachListenerHearsDeath
     Process service({KILL_SERVICE_PATH});
     ASSERT_EQ(service.readLine(), "ready");
     auto sink = std::make_shared<RecordingLogSink>();
-    const std::vector<PendingRequest> requests = pendingRequests();
-    std::vector<std::shared_ptr<DeathListener>> listeners;
+    const auto requests = pendingRequests();
+    ASSERT_EQ(requests.size(), 8u);
+    // One track per request; each listener journals its calls and notes when the first came.
+    std::vector<std::shared_ptr<RecordingLogSink>> journals;
+    std::vector<std::shared_ptr<RecordingListener>> listeners;
+    std::vector<std::atomic<Clock::rep>> heardAt(requests.size());  // 0: nothing heard yet
     std::vector<std::unique_ptr<ZEMAudioTrack>> tracks;
     for (size_t k = 0; k < requests.size(); ++k) {
-        listeners.push_back(std::make_shared<DeathListener>(sink, "v3"));
+        journals.push_back(std::make_shared<RecordingLogSink>());
+        listeners.push_back(std::make_shared<RecordingListener>(journals[k], "v3"));
+        listeners[k]->then = [&at = heardAt[k]] {
+            Clock::rep none = 0;
+            at.compare_exchange_strong(none, Clock::now().time_since_epoch().count());
+        };
     }
+    auto deaths = [&](size_t k) { return journals[k]->count(kCall, "onServerDeath"); };
     // The first track's listener holds the service's pull until the test lets it go.
     std::promise<void> pulled, letGo;
     std::shared_future<void> letGoFuture = letGo.get_future().share();
@@ -126,11 +99,11 @@ TEST(ServiceKillTest, PendingCallsFailWithTheirDefaultsAndEachListenerHearsDeath
     ASSERT_EQ(pulled.get_future().wait_for(kTimeout), std::future_status::ready);
 
     for (size_t k = 0; k < requests.size(); ++k) {
-        calls.push_back(std::async(std::launch::async, requests[k].run, std::ref(*tracks[k])));
+        calls.push_back(std::async(std::launch::async, requests[k].call, std::ref(*tracks[k])));
     }
     std::multiset<std::string> blocked, expected;
-    for (const PendingRequest& request : requests) {
-        expected.insert(std::string("blocked ") + request.call);
+    for (const auto& request : requests) {
+        expected.insert("blocked " + callOf(request));
         blocked.insert(service.readLine().value_or("(none)"));
     }
     ASSERT_EQ(blocked, expected);
@@ -138,26 +111,24 @@ TEST(ServiceKillTest, PendingCallsFailWithTheirDefaultsAndEachListenerHearsDeath
     const Clock::time_point killed = Clock::now();
     service.kill();
     for (size_t k = 0; k < requests.size(); ++k) {
-        ASSERT_EQ(calls[k].wait_for(kTimeout), std::future_status::ready) << requests[k].call;
-        EXPECT_EQ(calls[k].get(), requests[k].failed) << requests[k].call;
+        ASSERT_EQ(calls[k].wait_for(kTimeout), std::future_status::ready) << requests[k].player;
+        EXPECT_EQ(calls[k].get(), requests[k].failed) << requests[k].player;
     }
     ASSERT_TRUE(waitUntil([&] {
-        for (auto& listener : listeners) {
-            if (listener->deathCount() == 0) return false;
-        }
-        return true;
+        return std::all_of(heardAt.begin(), heardAt.end(), [](auto& at) { return at != 0; });
     }));
     long long latest = 0;
     for (size_t k = 0; k < listeners.size(); ++k) {
-        latest = std::max(latest, msSince(killed, listeners[k]->deathTime()));
-        EXPECT_LE(msSince(killed, listeners[k]->deathTime()), kDeathBound.count()) << k;
+        const long long took = msSince(killed, Clock::time_point(Clock::duration(heardAt[k])));
+        latest = std::max(latest, took);
+        EXPECT_LE(took, kDeathBound.count()) << k;
     }
     RecordProperty("last_death_ms", static_cast<int>(latest));
     letGo.set_value();
     // Later calls fail at once and bring no second death.
     for (auto& track : tracks) EXPECT_FALSE(track->play());
     tracks.clear();
-    for (auto& listener : listeners) EXPECT_EQ(listener->deathCount(), 1);
+    for (size_t k = 0; k < listeners.size(); ++k) EXPECT_EQ(deaths(k), 1u) << k;
 }
 
 TEST(ClientKillTest, TheSourcesOfAClientKilledMidStreamAreReleasedAtThePlayerWithin100Ms) {

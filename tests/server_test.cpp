@@ -1,9 +1,14 @@
-// The server half between a GoogleMock player and clients in other processes (track_client).
+// The server half between a GoogleMock player and clients in other processes (track_client)
+// driven line by line: requests, sources, audio pulls, events and the registry of tracks, and
+// clients that stall in an event, destroy their track from inside one or answer malformed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <orv/AudioServerImpl.h>
+#include <orv/ZEMAudioServer.h>
 
 #include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -11,7 +16,9 @@
 #include <vector>
 
 #include "common/RecordCodec.h"
-#include "support/ServerFixture.h"
+#include "support/MockPlayer.h"
+#include "support/Process.h"
+#include "support/RawArgs.h"
 
 namespace orv::test {
 namespace {
@@ -21,7 +28,13 @@ using namespace parlex::test;
 
 constexpr const char* kTrack = "ZEMServerTrack";
 
-class ServerTest : public ServerFixture {
+// The wire bytes of `values` in hex, as the peers take and print arguments, replies and events.
+template <typename... T>
+std::string hex(const T&... values) {
+    return Raw::encoding(values...).hex();
+}
+
+class ServerTest : public ::testing::Test {
 protected:
     ServerTest() {
         ON_CALL(*player, setSource).WillByDefault([this](const SourceConfig& config, const char*) {
@@ -30,10 +43,34 @@ protected:
             return 99 + static_cast<long long>(configs.size());
         });
     }
-    ~ServerTest() override { server.reset(); }  // before the configs it may still add to
 
+    // A track_client with `tracks` tracks (the first client's are 0, 1...), once it is ready.
+    Process& client(int tracks, const char* mode = "") {
+        peers.push_back(std::make_unique<Process>(
+            std::vector<std::string>{TRACK_CLIENT_PATH, text(tracks), mode}));
+        EXPECT_EQ(peers.back()->readLine(), "ready");
+        return *peers.back();
+    }
+    // ThreadSanitizer does not see the pipe and socket between this thread and the server's; the
+    // sink's lock, which the server takes to log before it calls the player, orders them.
+    std::string send(Process& peer, const std::string& command) {
+        sink->entries();
+        peer.writeLine(command);
+        return peer.readLine().value_or("(no answer)");
+    }
+    void setPcm(Process& peer, int track, long long id) {
+        EXPECT_EQ(send(peer, std::to_string(track) + " setZEMAudioSource " + hex(source(0))),
+                  "reply " + hex(id));
+    }
+
+    PrivateRuntimeDir runtimeDir;
     std::mutex configsMutex;            // guards: configs
     std::vector<SourceConfig> configs;  // every source the player opened: ids 100, 101...
+    std::shared_ptr<NiceMock<MockPlayer>> player = std::make_shared<NiceMock<MockPlayer>>();
+    std::shared_ptr<RecordingLogSink> sink = std::make_shared<RecordingLogSink>();
+    std::unique_ptr<ZEMAudioServer> server = std::make_unique<ZEMAudioServer>(player, sink);
+    AudioServerImpl* impl = static_cast<AudioServerImpl*>(player->delegate.load());
+    std::vector<std::unique_ptr<Process>> peers;
 };
 
 TEST_F(ServerTest, RequestReachesPlayerWithCurrentSourceIdAndAMalformedOneChangesNothing) {
@@ -277,15 +314,18 @@ TEST_F(ServerTest, RegistryFollowsSourceChangesKeepsTheOldestOwnerNeverReusesIds
     EXPECT_EQ(reach(5), "getBuffer 0 1");
     // By "destroy", by a new source, as the client dies.
     EXPECT_CALL(*player, releaseSource(5)).Times(3);
-    EXPECT_CALL(*player, releaseSource(6));
+    EXPECT_CALL(*player, releaseSource(6)).Times(2);
     ON_CALL(*player, setSource).WillByDefault(Return(6));
     setPcm(first, 0, 6);
     EXPECT_EQ(reach(6), "getBuffer 0 1");
     EXPECT_EQ(reach(5), "getBuffer 1 1");
     EXPECT_EQ(send(first, "1 destroy -"), "reply -");
     EXPECT_EQ(reach(5), "getBuffer 2 1");
+    setPcm(first, 1, 6);  // after its destroy: still released as the client goes
     first.kill();
     ASSERT_TRUE(waitUntil([&] { return sink->count(LOG_LIFECYCLE, "removeTrack:trackId=") == 3; }));
+    EXPECT_EQ(sink->count(LOG_LIFECYCLE, "~ZEMServerTrack:released sourceId=6, set after destroy"),
+              1u);
     // The server goes while a request of the next client's tracks 3 and 4 is in the player.
     Process& second = client(2);
     std::promise<void> inside;
@@ -301,6 +341,55 @@ TEST_F(ServerTest, RegistryFollowsSourceChangesKeepsTheOldestOwnerNeverReusesIds
     EXPECT_CALL(*player, releaseSource(0)).Times(2);
     server.reset();  // under the address sanitizer: no track outlives the registry it leaves
     EXPECT_EQ(sink->count(LOG_LIFECYCLE, "removeTrack:trackId="), 5u);
+}
+
+using HostileClientTest = ServerTest;
+
+// The sleeper, then the destroyer, come before the polite client in the registry: a broadcast
+// that waited for each client in turn would never reach the polite one.
+TEST_F(HostileClientTest, AClientStuckInOrDestroyingFromItsMetadataEventHoldsUpNoOtherClient) {
+    std::promise<void> destroyed;
+    EXPECT_CALL(*player, releaseSource(_)).Times(AnyNumber());
+    EXPECT_CALL(*player, releaseSource(101)).WillOnce([&](long long) {
+        destroyed.set_value();
+        return 0;
+    });
+    Process& sleeper = client(1, "hold,malformed");
+    Process& destroyer = client(1, "destroy");
+    Process& polite = client(1);
+    setPcm(sleeper, 0, 100);
+    setPcm(destroyer, 0, 101);
+    setPcm(polite, 0, 102);
+    uint8_t buffer[64];
+    int got = 0;
+    EXPECT_NO_THROW(got = impl->getData(buffer, sizeof buffer, 100));  // answered malformed
+    EXPECT_EQ(got, -1);
+    EXPECT_EQ(sink->count(LOG_ERROR, "getData:malformed reply: readBlob failed"), 1u);
+
+    auto broadcast = std::async(std::launch::async, [&] {
+        impl->updateMetadata({{"title", "Song"}});
+    });
+    EXPECT_TRUE(sleeper.readUntil("onStreamMetadataExtracted"));
+    EXPECT_TRUE(destroyer.readUntil("onStreamMetadataExtracted"));
+    EXPECT_EQ(destroyer.readLine(), "destroyed");
+    EXPECT_EQ(destroyed.get_future().wait_for(kTimeout), std::future_status::ready);
+    MetadataKeyValuePairs pairs;
+    pairs.pairs[pairs.count++] = MetadataKeyValuePair("com.tarnek.kolvo.metadata.update", "true");
+    pairs.pairs[pairs.count++] = MetadataKeyValuePair("title", "Song");
+    EXPECT_EQ(polite.readLine(),
+              "event 0 onStreamMetadataExtracted " + hex(102LL, MediaPlayerStateV2(), pairs));
+    // While the sleeper still holds its event, the others' audio flows and new tracks come.
+    auto pull = std::async(std::launch::async, [&] { return impl->getData(buffer, 64, 102); });
+    EXPECT_EQ(pull.wait_for(kTimeout), std::future_status::ready);
+    EXPECT_EQ(polite.readLine(), "getBuffer 0 64");
+    client(1);
+    EXPECT_NE(broadcast.wait_for(std::chrono::milliseconds(0)), std::future_status::ready);
+    sleeper.writeLine("release");
+    const bool done = broadcast.wait_for(kTimeout) == std::future_status::ready;
+    EXPECT_TRUE(done);
+    if (!done) {
+        for (auto& peer : peers) peer->kill();  // so that the futures above can end
+    }
 }
 
 }  // namespace

@@ -19,59 +19,12 @@
 #include <string>
 #include <thread>
 
+#include "support/TrackCases.h"
+
 namespace {
 
 using namespace orv;
-using State = const MediaPlayerStateV2&;
-
-class QuietLog : public LoggingDelegate {
-public:
-    void logMessage(LogLevel, const char*, const char*) override {}
-};
-
-// Dies inside getBuffer on pull number `dieOnPull`, inside event number `dieOnEvent` (0: never).
-class Listener : public EventListenerV3 {
-public:
-    int getBuffer(uint8_t* buffer, int size) override {
-        if (++pulls == dieOnPull) ::raise(SIGKILL);
-        for (int k = 0; k < size; ++k) buffer[k] = static_cast<uint8_t>(k % 251);
-        return size;
-    }
-    void event() {
-        if (++events == dieOnEvent) ::raise(SIGKILL);
-    }
-    void closeAudioSource() override { event(); }
-    void onStopRequested(long long) override { event(); }
-    void onReportMetric(const char*, const char*) override { event(); }
-    void onServerDeath() override {}
-    void onFirstByteRead(long long, State) override { event(); }
-    void onPlaybackStarted(long long, State) override { event(); }
-    void onPlaybackFinished(long long, State) override { event(); }
-    void onPlaybackError(long long, ErrorType, const char*, State) override { event(); }
-    void onPlaybackPaused(long long, State) override { event(); }
-    void onPlaybackResumed(long long, State) override { event(); }
-    void onPlaybackStopped(long long, State) override { event(); }
-    void onBufferUnderrun(long long, State) override { event(); }
-    void onBufferRefilled(long long, State) override { event(); }
-    void onBufferingComplete(long long, State) override { event(); }
-    void onStreamMetadataExtracted(long long, State, const MetadataKeyValuePairs&) override {
-        event();
-    }
-    void onSeeked(long long, State, State) override { event(); }
-    void onLicenseAvailable(long long) override { event(); }
-    void onFirstDataSegmentAvailable(long long) override { event(); }
-
-    std::atomic<int> pulls{0}, events{0};
-    int dieOnPull = 0, dieOnEvent = 0;
-};
-
-ZEMAudioSource pcmSource() {
-    ZEMAudioSource source;
-    source.type = kSourceTypePcm;
-    source.format = {0, 48000, 16, 2, true, 1, 0};
-    source.setClusterId("kill");
-    return source;
-}
+using namespace orv::test;
 
 int fail(const std::string& why) {
     std::fprintf(stderr, "kill_client: %s\n", why.c_str());
@@ -93,8 +46,8 @@ int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
     const std::string stage = argc > 2 ? argv[2] : "";
     std::mt19937 random(argc > 3 ? static_cast<unsigned>(std::stoul(argv[3])) : 1u);
-    auto log = std::make_shared<QuietLog>();
-    auto listener = std::make_shared<Listener>();
+    auto log = std::make_shared<orv::test::RecordingLogSink>();
+    auto listener = std::make_shared<RecordingListener>(log, "listener");
     if (mode == "die" && stage == "init") {
         killAfter(random, 3000);
         for (;;) {  // connect again and again until the kill lands
@@ -109,12 +62,21 @@ int main(int argc, char** argv) {
     if (mode == "die" && stage == "setSource") {
         killAfter(random, 3000);
         for (;;) {
-            if (track->setSource(pcmSource()) < 0) return fail("setSource failed");
+            if (track->setSource(source(kSourceTypePcm)) < 0) return fail("setSource failed");
         }
     }
-    if (mode == "die" && stage == "getBuffer") listener->dieOnPull = 1 + random() % 8;
-    if (mode == "die" && stage == "event") listener->dieOnEvent = 1 + random() % 2;
-    const long long id = track->setSource(pcmSource());
+    // Dies inside getBuffer on a random one of the first pulls, or inside one of the first events.
+    std::atomic<int> pulls{0}, events{0};
+    const int dieOnPull = stage == "getBuffer" ? 1 + random() % 8 : 0;
+    const int dieOnEvent = stage == "event" ? 1 + random() % 2 : 0;
+    listener->count = [&](int size) {
+        if (++pulls == dieOnPull) ::raise(SIGKILL);
+        return size;
+    };
+    listener->then = [&] {
+        if (++events == dieOnEvent) ::raise(SIGKILL);
+    };
+    const long long id = track->setSource(source(kSourceTypePcm));
     if (id < 0) return fail("setSource failed");
     if (mode == "stream") {
         std::cout << "source " << id << std::endl;

@@ -7,21 +7,16 @@
 
 #include <atomic>
 #include <iostream>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "support/MockPlayer.h"
+#include "support/Say.h"
 
 namespace {
 
 using namespace orv;
-
-void say(const std::string& line) {
-    static std::mutex mutex;
-    std::lock_guard<std::mutex> lock(mutex);
-    std::cout << line << std::endl;
-}
+using orv::test::say;
 
 // Blocks the calling server thread for good: only the SIGKILL ends it.
 [[noreturn]] void blockForever(const char* call) {

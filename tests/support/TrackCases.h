@@ -210,6 +210,12 @@ struct RequestRow {
     const char *failed, *player, *answered;
 };
 
+// The name of the player's call a request makes.
+template <typename Track>
+std::string callOf(const RequestRow<Track>& row) {
+    return std::string(row.player).substr(0, std::string(row.player).find(' '));
+}
+
 // Rows for the exported track, or for the proxy, which alone has newDecryptKey.
 template <typename Track>
 std::vector<RequestRow<Track>> requestRows() {

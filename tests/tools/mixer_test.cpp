@@ -1,22 +1,16 @@
 // The mixer against known signals: tones summed exactly, clipping without wrap-around, channel
-// maps, a 44.1 kHz source in a 48 kHz output by its frequency and level; and in the player, a
-// source whose client falls behind is its own underrun while another source plays on unbroken.
+// maps, a 44.1 kHz source in a 48 kHz output by its frequency and level. A source whose client
+// falls behind while another plays on is in the service's tests.
 #include <gtest/gtest.h>
-#include <sndfile.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <mutex>
+#include <vector>
 
 #include "Convert.h"
-#include "HostPlayer.h"
-#include "support/Process.h"
 
 namespace zem {
 namespace {
-
-using namespace std::chrono_literals;
 
 std::vector<int16_t> tone(double hz, uint32_t rate, size_t frames, uint32_t channels,
                           double level) {
@@ -103,146 +97,6 @@ TEST(MixerTest, A44kSourceInA48kOutputKeepsItsFrequencyAndLevel) {
     }
     EXPECT_NEAR(crossings / 0.8, 1000, 5);
     EXPECT_NEAR(std::sqrt(power / 38400), 0.5 / std::sqrt(2.0), 0.005);
-}
-
-// Serves what it is asked for at once; after `stallAfter` bytes it answers nothing
-// for `stall`. Records the events.
-class Client : public orv::MediaClientDelegate {
-public:
-    struct Stream {
-        std::vector<uint8_t> audio;
-        size_t served = 0;
-        size_t stallAfter = SIZE_MAX;
-        std::chrono::steady_clock::time_point stallUntil{};
-        std::string events;
-    };
-    int getData(uint8_t* buffer, unsigned size, long long id) override {
-        if (slowOnce.exchange(false)) std::this_thread::sleep_for(100ms);
-        std::lock_guard<std::mutex> lock(mutex_);
-        Stream& s = streams[id];
-        const auto now = std::chrono::steady_clock::now();
-        if (s.served >= s.stallAfter) {
-            if (s.stallUntil == std::chrono::steady_clock::time_point{}) s.stallUntil = now + 300ms;
-            if (now < s.stallUntil) return -1;
-        }
-        size_t n = std::min<size_t>(size, s.audio.size() - s.served);
-        if (s.served < s.stallAfter) n = std::min(n, s.stallAfter - s.served);
-        std::memcpy(buffer, s.audio.data() + s.served, n);
-        s.served += n;
-        return n == 0 ? -1 : static_cast<int>(n);
-    }
-    void record(long long id, const char* event) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::string& events = streams[id].events;
-        events += (events.empty() ? "" : " ") + std::string(event);
-    }
-    std::string events(long long id) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return streams[id].events;
-    }
-    void closeDataSource(long long id) override { record(id, "close"); }
-    void onStopRequested(long long) override {}
-    void onPlaybackError(long long id, const orv::ErrorType&, const char*,
-                         const orv::MediaPlayerStateV2&) override {
-        record(id, "error");
-    }
-    void onStreamMetadataExtracted(long long, const orv::MediaPlayerStateV2&,
-                                   const orv::MetadataKeyValuePairs&) override {}
-    void onFirstByteRead(long long, const orv::MediaPlayerStateV2&) override {}
-    void onPlaybackStarted(long long id, const orv::MediaPlayerStateV2&) override {
-        record(id, "started");
-    }
-    void onPlaybackFinished(long long id, const orv::MediaPlayerStateV2&) override {
-        record(id, "finished");
-    }
-    void onPlaybackPaused(long long, const orv::MediaPlayerStateV2&) override {}
-    void onPlaybackResumed(long long, const orv::MediaPlayerStateV2&) override {}
-    void onPlaybackStopped(long long, const orv::MediaPlayerStateV2&) override {}
-    void onBufferUnderrunStarted(long long id, const orv::MediaPlayerStateV2&) override {
-        record(id, "underrun");
-    }
-    void onBufferUnderrunEnded(long long id, const orv::MediaPlayerStateV2&) override {
-        record(id, "refilled");
-    }
-    void onBufferingComplete(long long, const orv::MediaPlayerStateV2&) override {}
-    void onSeeked(long long, const orv::MediaPlayerStateV2&,
-                  const orv::MediaPlayerStateV2&) override {}
-    void onLicenseAvailable(long long) override {}
-    void onFirstDataSegmentAvailable(long long) override {}
-
-    std::atomic<bool> slowOnce{false};  // the next answer takes 100 ms
-    std::mutex mutex_;                  // guards: streams
-    std::map<long long, Stream> streams;
-};
-
-TEST(MixerTest, LateClientIsItsOwnUnderrunWhileAnotherSourcePlaysOnUnbroken) {
-    parlex::test::PrivateRuntimeDir dir;
-    std::string error;
-    HostPlayer::Options options;
-    options.sink = *SinkSpec::parse("wav:" + dir.path() + "/mix.wav", error);
-    HostPlayer player(options);  // in real time
-    Client client;
-    player.setMediaClientDelegate(&client);
-    orv::SourceConfig config;
-    config.channelLayout = 3;
-    config.sampleRate = 48000;
-    config.mediaDescription.firstMap.count = 1;
-    config.mediaDescription.firstMap.pairs[0] = orv::DescriptionPair(kTotalFramesKey, "48000");
-    const auto steady = tone(440, 48000, 48000, 2, 0.5);
-    const long long first = player.setSource(config, "");
-    config.mediaDescription.firstMap.pairs[0] = orv::DescriptionPair(kTotalFramesKey, "24000");
-    const long long late = player.setSource(config, "");
-    {
-        std::lock_guard<std::mutex> lock(client.mutex_);
-        client.streams[first].audio.assign(bytes(steady), bytes(steady) + steady.size() * 2);
-        client.streams[late].audio.assign(24000 * 4, 0);  // silence: the mix is the steady tone
-        client.streams[late].stallAfter = 8000 * 4;
-    }
-    ASSERT_EQ(player.play(first), 0);
-    ASSERT_TRUE(parlex::test::waitUntil([&] { return client.events(first) == "started"; }));
-    ASSERT_EQ(player.play(late), 0);
-    ASSERT_TRUE(parlex::test::waitUntil([&] {
-        return client.events(first).find("close") != std::string::npos &&
-               client.events(late).find("close") != std::string::npos;
-    }));
-    EXPECT_EQ(client.events(late), "started underrun refilled finished close");
-    EXPECT_EQ(client.events(first), "started finished close");
-    ASSERT_TRUE(player.shutdown(std::chrono::steady_clock::now() + 10s));
-    SF_INFO info{};
-    SNDFILE* file = sf_open((dir.path() + "/mix.wav").c_str(), SFM_READ, &info);
-    ASSERT_NE(file, nullptr);
-    std::vector<int16_t> mix(steady.size());
-    EXPECT_EQ(sf_readf_short(file, mix.data(), 48000), 48000);
-    sf_close(file);
-    for (size_t i = 0; i < mix.size(); ++i) ASSERT_EQ(mix[i], steady[i]) << "frame " << i / 2;
-}
-
-TEST(MixerTest, SeekWaitsForTheReadAheadInsteadOfReportingAnUnderrun) {
-    parlex::test::PrivateRuntimeDir dir;
-    std::string error;
-    HostPlayer::Options options;
-    options.sink = *SinkSpec::parse("none", error);
-    Client client;  // outlives the player, which calls it until it goes
-    HostPlayer player(options);
-    player.setMediaClientDelegate(&client);
-    orv::SourceConfig config;
-    config.channelLayout = 3;
-    config.sampleRate = 48000;
-    config.mediaDescription.firstMap.count = 1;
-    config.mediaDescription.firstMap.pairs[0] = orv::DescriptionPair(kTotalFramesKey, "24000");
-    const long long id = player.setSource(config, "");
-    {
-        std::lock_guard<std::mutex> lock(client.mutex_);
-        client.streams[id].audio.assign(48000 * 4, 1);  // enough for what the seek repeats
-    }
-    ASSERT_EQ(player.play(id), 0);
-    ASSERT_TRUE(parlex::test::waitUntil([&] { return client.events(id) == "started"; }));
-    client.slowOnce = true;  // the audio after the seek comes late
-    ASSERT_EQ(player.seekTo(id, 100, true), 0);
-    EXPECT_EQ(player.getOffset(id), 100);
-    ASSERT_TRUE(parlex::test::waitUntil(
-        [&] { return client.events(id).find("close") != std::string::npos; }));
-    EXPECT_EQ(client.events(id), "started finished close");
 }
 
 }  // namespace

@@ -1,14 +1,131 @@
-// zem-play's reading of why the audio service cannot be reached: the transport's reasons, as the
-// library logs them when a track's init fails, each with the socket's path. And zem-play against
-// a real service: what each kind of argument sends, a file cut short, and the exit status of
-// several inputs.
+// zem-play: its reading of its command line, of the keys typed at it and of why the audio service
+// cannot be reached, and the progress line it draws, each rule on its own; then the program
+// against a real service: what each kind of argument sends, a file cut short, usage errors and
+// the exit status of several inputs.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
+#include "Arguments.h"
 #include "ConnectFailure.h"
-#include "support/Process.h"
+#include "Terminal.h"
+#include "support/Programs.h"
 
 namespace zem {
 namespace {
+
+using namespace play;
+
+TEST(ZemPlayArgumentsTest, OnlyARealSchemeMakesAUrlAndPathsBecomeAbsoluteEscapedFileUrls) {
+    for (const char* url : {"http://example.org/a.ogg", "file:///a.wav", "x-y+z.1:rest"}) {
+        EXPECT_TRUE(hasScheme(url)) << url;
+    }
+    for (const char* path : {"song.wav", "c:song.wav", "./a:b.wav", "dir/a:b.wav", "1ab:c", ""}) {
+        EXPECT_FALSE(hasScheme(path)) << path;
+    }
+    const struct {
+        const char* path;
+        const char* url;
+    } cases[] = {
+        {"a b/\xc3\xbc.wav", "file:///home/u/a%20b/%C3%BC.wav"},
+        {"./x/./y.wav", "file:///home/u/x/y.wav"},
+        {"../up.wav", "file:///home/u/../up.wav"},  // only the kernel knows where ".." leads
+        {"/abs//100%#?.wav", "file:///abs/100%25%23%3F.wav"},
+    };
+    for (const auto& test : cases) {
+        EXPECT_EQ(fileUrl(absolutePath(test.path, "/home/u")), test.url) << test.path;
+    }
+}
+
+TEST(ZemPlayArgumentsTest, PositionsInSecondsMinutesOrUnitsAndPlainRefusals) {
+    const struct {
+        const char* text;
+        int64_t bareUnitMs;
+        int64_t ms;
+    } good[] = {
+        {"90", 1000, 90000},     {"2.5", 1000, 2500},        {"1:30", 1000, 90000},
+        {"0:05.25", 1000, 5250}, {"1:02:03", 1000, 3723000}, {"1500ms", 1000, 1500},
+        {"3s", 1, 3000},         {"2000", 1, 2000},          {" 10 ", 1000, 10000},
+    };
+    for (const auto& test : good) {
+        std::string error;
+        EXPECT_EQ(parsePosition(test.text, test.bareUnitMs, error), test.ms) << test.text << error;
+    }
+    for (const char* text : {"-1", "1:75", "1:5", "1:30:", "1.5:00", "abc", "1e3", "0x10", "nan",
+                             "inf", "", "1:2:3:4", "99999999999999", "600000:00", "2147483648ms"}) {
+        std::string error;
+        EXPECT_FALSE(parsePosition(text, 1000, error)) << text;
+        EXPECT_NE(error.find(text), std::string::npos) << error;
+        EXPECT_LT(error.size(), 160u) << error;  // a sentence, not a number range
+    }
+}
+
+TEST(ZemPlayArgumentsTest, VolumesAsFactorPercentageOrDecibelsUpToFullVolume) {
+    const struct {
+        const char* text;
+        float factor;
+    } good[] = {{"0.5", 0.5f}, {"50%", 0.5f},  {"-6dB", 0.501187f}, {"-6 db", 0.501187f},
+                {"0dB", 1.0f}, {"100%", 1.0f}, {"0", 0.0f},         {"-20dB", 0.1f}};
+    for (const auto& test : good) {
+        std::string error;
+        const std::optional<float> factor = parseVolume(test.text, error);
+        ASSERT_TRUE(factor) << test.text << ": " << error;
+        EXPECT_NEAR(*factor, test.factor, 1e-5) << test.text;
+    }
+    for (const char* text : {"2", "150%", "+3dB", "-0.1", "abc", "nan", "", "dB", "1e0"}) {
+        std::string error;
+        EXPECT_FALSE(parseVolume(text, error)) << text;
+        EXPECT_FALSE(error.empty()) << text;
+    }
+}
+
+TEST(ZemPlayArgumentsTest, RawFormatsOnlyInTheLayoutsAPcmSourceCarries) {
+    std::string error;
+    const std::optional<StreamFormat> s16 = parseRawFormat("s16le:48000:2", error);
+    ASSERT_TRUE(s16) << error;
+    EXPECT_EQ(s16->type, SampleType::S16);
+    EXPECT_EQ(s16->rate, 48000u);
+    EXPECT_EQ(s16->channels, 2u);
+    const std::optional<StreamFormat> s32 = parseRawFormat("S32LE:768000:1", error);
+    ASSERT_TRUE(s32) << error;
+    EXPECT_EQ(s32->bytesPerFrame(), 4u);
+    for (const char* text : {"f32le:48000:2", "s16le:0:2", "s16le:768001:2", "s16le:48000:3",
+                             "s16le:48000", "s16le:48.5:2", "s16le:48000:2:1"}) {
+        EXPECT_FALSE(parseRawFormat(text, error)) << text;
+    }
+}
+
+TEST(ZemPlayTerminalTest, KeysIncludingArrowSequencesSplitAcrossReads) {
+    std::string pending = " q+-=_\033[C\033[D\033OC\033[Ax\033[1;5D\033";
+    const std::vector<Key> keys = decodeKeys(pending);
+    const std::vector<Key> expected = {
+        Key::PauseResume, Key::Quit,        Key::VolumeUp, Key::VolumeDown,  Key::VolumeUp,
+        Key::VolumeDown,  Key::SeekForward, Key::SeekBack, Key::SeekForward, Key::SeekBack};
+    EXPECT_EQ(keys, expected);
+    EXPECT_EQ(pending, "\033");  // the start of a sequence waits for the rest
+    pending += "[";
+    EXPECT_TRUE(decodeKeys(pending).empty());
+    pending += "C";
+    EXPECT_EQ(decodeKeys(pending), std::vector<Key>{Key::SeekForward});
+    EXPECT_TRUE(pending.empty());
+}
+
+TEST(ZemPlayTerminalTest, ProgressLineNeverReachesTheLastColumnAndMetersAfterTheVolume) {
+    const Progress progress{83400, 296700, "playing", -6.0, 0.5f};
+    for (size_t width = 0; width <= 200; ++width) {
+        const std::string line = progressLine(progress, width);
+        EXPECT_LT(line.size(), std::max<size_t>(width, 1)) << width << ": " << line;
+    }
+    const std::string narrow = progressLine(progress, 40);
+    EXPECT_NE(narrow.find("1:23.4 / 4:56.7"), std::string::npos) << narrow;
+    const std::string wide = progressLine(progress, 100);
+    EXPECT_NE(wide.find("-12.0 dB"), std::string::npos) << wide;  // -6 dB at half volume
+    EXPECT_NE(wide.find("vol 50%"), std::string::npos) << wide;
+    EXPECT_NE(wide.find("[##"), std::string::npos) << wide;
+    const std::string unknown = progressLine({0, -1, "starting", NAN, 1.0f}, 80);
+    EXPECT_NE(unknown.find("?:??.? "), std::string::npos) << unknown;
+    EXPECT_NE(unknown.find("--- dB"), std::string::npos) << unknown;
+}
 
 TEST(ConnectFailureTest, EachTransportReasonIsToldApartWithTheSocketsPath) {
     const std::string path = "/run/a dir at x/com.tarnek.zem.parlex";
@@ -42,65 +159,15 @@ TEST(ConnectFailureTest, EachTransportReasonIsToldApartWithTheSocketsPath) {
     EXPECT_NE(unknown.explain().find("socketpair failed: EMFILE"), std::string::npos);
 }
 
-// Runs `command` through the shell in `dir`, stderr with stdout; its lines and exit status.
-std::pair<std::string, int> shell(const std::string& dir, const std::string& command) {
-    parlex::test::Process process({"/bin/sh", "-c", "cd '" + dir + "' && " + command + " 2>&1"});
-    std::string output;
-    while (std::optional<std::string> line = process.readLine()) output += *line + "\n";
-    const int status = process.finish();
-    return {output, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-}
-
-TEST(ZemPlayTest, UrlsGoAsGivenPathsAsAbsoluteUrlsStdinAsPcmCutFilesEndAndTheWorstStatusWins) {
+TEST(ZemPlayTest, UsageIsPlainUrlsGoAsGivenPathsAsFileUrlsStdinAsPcmCutFilesEndTheWorstStatusWins) {
     parlex::test::PrivateRuntimeDir dir;
     const std::string play = ZEM_PLAY_PATH;
-    ASSERT_EQ(shell(dir.path(), std::string(ZEM_WAVTOOL_PATH) + " generate in.wav 0.2").second, 0);
-    parlex::test::Process service({ZEM_AUDIOD_PATH, "--fast"});
-    ASSERT_TRUE(service.readUntil("ready (pid "));
-
-    auto [output, status] = shell(dir.path(), play + " --url 'no such/file 1.wav'");
-    EXPECT_NE(output.find("file://" + dir.path() + "/no%20such/file%201.wav"), std::string::npos)
-        << output;
-    EXPECT_EQ(status, 1);
-    std::tie(output, status) = shell(dir.path(), play + " 'http://example.invalid/a b.ogg'");
-    EXPECT_NE(output.find("sent as the URL http://example.invalid/a b.ogg\n"), std::string::npos)
-        << output;
-    EXPECT_EQ(status, 1);
-
-    // The samples of in.wav after its 44-byte header, as raw PCM; then the file as a WAV stream.
-    std::tie(output, status) =
-        shell(dir.path(), "tail -c +45 in.wav | " + play + " --format s16le:48000:2 -");
-    EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
-    EXPECT_EQ(status, 0);
-    std::tie(output, status) = shell(dir.path(), play + " - < in.wav");
-    EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
-    EXPECT_EQ(status, 0);
-
-    // A file cut off before the length its header declares: heard up to the cut, then a failure,
-    // rather than a service that waits for the rest for ever.
-    ASSERT_EQ(shell(dir.path(), std::string(ZEM_WAVTOOL_PATH) +
-                                    " generate long.flac 2 && head -c $(($(stat -c "
-                                    "%s long.flac) * 7 / 10)) long.flac > cut.flac")
-                  .second,
-              0);
-    std::tie(output, status) = shell(dir.path(), play + " cut.flac");
-    EXPECT_NE(output.find("cut.flac is damaged or cut short at"), std::string::npos) << output;
-    EXPECT_EQ(status, 1);
-    std::tie(output, status) =
-        shell(dir.path(), "head -c 3000 long.flac > none.flac && " + play + " none.flac");
-    EXPECT_NE(output.find("none.flac: it holds no audio"), std::string::npos) << output;
-    EXPECT_EQ(status, 1);
-
-    std::tie(output, status) = shell(dir.path(), play + " in.wav missing.wav in.wav");
-    EXPECT_NE(output.find("cannot play missing.wav: cannot open it"), std::string::npos) << output;
-    EXPECT_NE(output.find("received exactly"), output.rfind("received exactly")) << output;  // both
-    EXPECT_EQ(status, 1);
-}
-
-TEST(ZemPlayTest, UsageErrorsAndWarningsArePlainSentencesNamedAfterTheProgram) {
-    parlex::test::PrivateRuntimeDir dir;  // where no service runs
-    const std::string play = ZEM_PLAY_PATH;
-    ASSERT_EQ(shell(dir.path(), std::string(ZEM_WAVTOOL_PATH) + " generate in.wav 0.2").second, 0);
+    const auto shell = [&](const std::string& command) {
+        return parlex::test::shell("cd '" + dir.path() + "' && " + command);
+    };
+    ASSERT_EQ(shell(std::string(ZEM_WAVTOOL_PATH) + " generate in.wav 0.2").second, 0);
+    // Usage errors and warnings are plain sentences named after the program; the warnings come
+    // first, before any playing, here where no service runs yet.
     const struct {
         std::string arguments;
         int status;
@@ -116,10 +183,48 @@ TEST(ZemPlayTest, UsageErrorsAndWarningsArePlainSentencesNamedAfterTheProgram) {
         {"--url http://x/y", 3, "zem-play: warning: --url has no effect on http://x/y"},
     };
     for (const auto& test : cases) {
-        const auto [output, status] = shell(dir.path(), play + " " + test.arguments);
-        EXPECT_EQ(status, test.status) << test.arguments << "\n" << output;
-        EXPECT_NE(output.find(test.says), std::string::npos) << test.arguments << "\n" << output;
+        const auto [said, ended] = shell(play + " " + test.arguments);
+        EXPECT_EQ(ended, test.status) << test.arguments << "\n" << said;
+        EXPECT_NE(said.find(test.says), std::string::npos) << test.arguments << "\n" << said;
     }
+    parlex::test::AudioService service({ZEM_AUDIOD_PATH, "--fast"});
+    ASSERT_GT(service.pid, 0);
+
+    auto [output, status] = shell(play + " --url 'no such/file 1.wav'");
+    EXPECT_NE(output.find("file://" + dir.path() + "/no%20such/file%201.wav"), std::string::npos)
+        << output;
+    EXPECT_EQ(status, 1);
+    std::tie(output, status) = shell(play + " 'http://example.invalid/a b.ogg'");
+    EXPECT_NE(output.find("sent as the URL http://example.invalid/a b.ogg\n"), std::string::npos)
+        << output;
+    EXPECT_EQ(status, 1);
+
+    // The samples of in.wav after its 44-byte header, as raw PCM; then the file as a WAV stream.
+    std::tie(output, status) = shell("tail -c +45 in.wav | " + play + " --format s16le:48000:2 -");
+    EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
+    EXPECT_EQ(status, 0);
+    std::tie(output, status) = shell(play + " - < in.wav");
+    EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
+    EXPECT_EQ(status, 0);
+
+    // A file cut off before the length its header declares: heard up to the cut, then a failure,
+    // rather than a service that waits for the rest for ever.
+    ASSERT_EQ(shell(std::string(ZEM_WAVTOOL_PATH) + " generate long.flac 2 && head -c $(($(stat -c "
+                                                    "%s long.flac) * 7 / 10)) long.flac > cut.flac")
+                  .second,
+              0);
+    std::tie(output, status) = shell(play + " cut.flac");
+    EXPECT_NE(output.find("cut.flac is damaged or cut short at"), std::string::npos) << output;
+    EXPECT_EQ(status, 1);
+    std::tie(output, status) =
+        shell("head -c 3000 long.flac > none.flac && " + play + " none.flac");
+    EXPECT_NE(output.find("none.flac: it holds no audio"), std::string::npos) << output;
+    EXPECT_EQ(status, 1);
+
+    std::tie(output, status) = shell(play + " in.wav missing.wav in.wav");
+    EXPECT_NE(output.find("cannot play missing.wav: cannot open it"), std::string::npos) << output;
+    EXPECT_NE(output.find("received exactly"), output.rfind("received exactly")) << output;  // both
+    EXPECT_EQ(status, 1);
 }
 
 }  // namespace

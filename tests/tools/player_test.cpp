@@ -25,13 +25,16 @@ using orv::MediaPlayerStateV2;
     void name(long long, const MediaPlayerStateV2&) override { record(text); }
 
 // Serves `audio` in chunks of an odd size, not a whole number of frames; once half of it is
-// out, answers nothing for `stallPulls` pulls. Records every event as a word of `events()`.
+// out, answers nothing for `stallPulls` pulls. Takes `delay` over each call that the service
+// waits for at its end, and 100 ms over the next pull once `slowOnce` is set. Records every
+// event as a word of `events()`.
 class FakeClient : public orv::MediaClientDelegate {
 public:
     explicit FakeClient(std::vector<uint8_t> audio = {}, int stallPulls = 0)
         : audio(std::move(audio)), stallPulls(stallPulls) {}
     int getData(uint8_t* buffer, unsigned size, long long) override {
         if (throwOnData) throw std::runtime_error("malformed buffer");
+        std::this_thread::sleep_for(slowOnce.exchange(false) ? 100ms : delay);
         std::lock_guard<std::mutex> lock(mutex_);
         if (served_ >= audio.size() / 2 && stallPulls > 0 && stallPulls--) return -1;
         const size_t n = std::min<size_t>({size, 1001, audio.size() - served_});
@@ -39,8 +42,8 @@ public:
         served_ += n;
         return n == 0 ? -1 : static_cast<int>(n);
     }
-    void closeDataSource(long long) override { record("close"); }
-    void onStopRequested(long long) override { record("stopRequested"); }
+    void closeDataSource(long long) override { delayed("close"); }
+    void onStopRequested(long long) override { delayed("stopRequested"); }
     void onPlaybackError(long long, const orv::ErrorType& type, const char*,
                          const MediaPlayerStateV2&) override {
         record("error" + std::to_string(type));
@@ -59,7 +62,7 @@ public:
     EVENT(onPlaybackFinished, "finished")
     EVENT(onPlaybackPaused, "paused")
     EVENT(onPlaybackResumed, "resumed")
-    EVENT(onPlaybackStopped, "stopped")
+    void onPlaybackStopped(long long, const MediaPlayerStateV2&) override { delayed("stopped"); }
     EVENT(onBufferUnderrunStarted, "underrun")
     EVENT(onBufferUnderrunEnded, "refilled")
     EVENT(onBufferingComplete, "complete")
@@ -75,6 +78,10 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return events_;
     }
+    void delayed(const std::string& event) {
+        std::this_thread::sleep_for(delay);
+        record(event);
+    }
     bool waitFor(const std::string& event) {
         return parlex::test::waitUntil([&] { return events().find(event) != std::string::npos; });
     }
@@ -83,6 +90,8 @@ public:
     int stallPulls = 0;
     bool throwOnData = false;
     bool throwOnStarted = false;
+    std::chrono::milliseconds delay{0};
+    std::atomic<bool> slowOnce{false};
 
 private:
     std::mutex mutex_;  // guards: served_, stallPulls, events_
@@ -224,40 +233,33 @@ TEST_F(PlayerTest, WhatTheClientOrItsEventsThrowFailsOnlyThatSourceOrEvent) {
     player.releaseSource(played);
 }
 
-// A client that answers every call just before the service's call deadline, which it would
-// otherwise be disconnected for.
-class SlowClient : public FakeClient {
-public:
-    explicit SlowClient(std::chrono::milliseconds delay) : delay_(delay) {}
-    int getData(uint8_t*, unsigned, long long) override {
-        std::this_thread::sleep_for(delay_);
-        return -1;
-    }
-    void onStopRequested(long long id) override {
-        std::this_thread::sleep_for(delay_);
-        FakeClient::onStopRequested(id);
-    }
-    void onPlaybackStopped(long long, const MediaPlayerStateV2&) override {
-        std::this_thread::sleep_for(delay_);
-        record("stopped");
-    }
-    void closeDataSource(long long id) override {
-        std::this_thread::sleep_for(delay_);
-        FakeClient::closeDataSource(id);
-    }
-
-private:
-    std::chrono::milliseconds delay_;
-};
-
 TEST_F(PlayerTest, ShutdownWaitsOutAClientThatAnswersEveryCallJustBeforeTheDeadline) {
     const auto deadline = 400ms;
-    SlowClient client(deadline - 20ms);
+    FakeClient client;  // answers every call just before the call deadline it must meet
+    client.delay = deadline - 20ms;
     player.setMediaClientDelegate(&client);
     player.play(player.setSource(pcm(), "cluster"));
     std::this_thread::sleep_for(50ms);  // the source's thread is in a data request
     EXPECT_TRUE(player.shutdown(std::chrono::steady_clock::now() + shutdownGrace(deadline)));
     EXPECT_EQ(client.events(), "stopRequested stopped close");
+}
+
+TEST_F(PlayerTest, SeekWaitsForTheReadAheadInsteadOfReportingAnUnderrun) {
+    std::string error;
+    HostPlayer::Options paced = options();
+    paced.fast = false;
+    paced.sink = *SinkSpec::parse("none", error);
+    FakeClient client(std::vector<uint8_t>(48000 * 4, 1));  // enough for what the seek repeats
+    HostPlayer pacedPlayer(paced);
+    pacedPlayer.setMediaClientDelegate(&client);
+    const long long id = pacedPlayer.setSource(pcm(0, "24000"), "");
+    ASSERT_EQ(pacedPlayer.play(id), 0);
+    ASSERT_TRUE(client.waitFor("started"));
+    client.slowOnce = true;  // the audio after the seek comes late
+    ASSERT_EQ(pacedPlayer.seekTo(id, 100, true), 0);
+    EXPECT_EQ(pacedPlayer.getOffset(id), 100);
+    ASSERT_TRUE(client.waitFor("close"));
+    EXPECT_EQ(client.events().find("underrun"), std::string::npos) << client.events();
 }
 
 TEST_F(PlayerTest, FileThatIsSlowToOpenHoldsUpNoOtherSource) {

@@ -18,62 +18,32 @@
 #include "Log.h"
 #include "Sink.h"
 #include "Source.h"
-#include "support/Process.h"
+#include "support/Programs.h"
 
 namespace {
 
-using parlex::test::Process;
+using namespace parlex::test;
 using namespace std::chrono_literals;
 
 const std::string kService = "com.tarnek.zem.parlex";
-
-// A program started through the shell, with its stderr on its stdout; the first line is its pid.
-struct Shell {
-    explicit Shell(const std::string& command)
-        : process({"/bin/sh", "-c", "echo $$; exec " + command + " 2>&1"}),
-          pid(std::stoi(process.readLine().value_or("-1"))) {}
-    Process process;
-    pid_t pid;
-};
-
-int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
-
-// Whether the transport names the client that a server thread works for. The same transport
-// enforces the server's call deadline; checks that need either skip without them.
-bool transportKnowsItsPeers() {
-    parlex::AndroidServer server;
-    std::atomic<bool> known{false};
-    server.registerFactory("probe", [&] {
-        known = parlex::callingPeer().has_value();
-        return std::make_shared<parlex::AndroidImpl>();
-    });
-    server.start("zem.probe");
-    {
-        parlex::AndroidClient client("zem.probe");
-        parlex::AndroidProxy proxy(&client, "probe");
-    }
-    server.stop();
-    return known;
-}
 
 // Runs a program to its end and returns its exit status.
 int run(std::vector<std::string> argv) {
     Process process(std::move(argv));
     while (process.readLine()) {
     }
-    const int status = process.finish();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return exitStatus(process.finish());
 }
 
 TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSigterm) {
-    parlex::test::PrivateRuntimeDir dir;
+    PrivateRuntimeDir dir;
     const std::string longInput = dir.path() + "/long.wav";
     const std::string shortInput = dir.path() + "/short.wav";
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", longInput, "30"}), 0);
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", shortInput, "0.3"}), 0);
-    Process service({ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/out.wav", "--track-files"});
-    const std::optional<std::string> ready = service.readLine();
-    ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
+    AudioService service(
+        {ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/out.wav", "--track-files"});
+    ASSERT_GT(service.pid, 0);
     {
         Process client({ZEM_PLAY_PATH, longInput});
         ASSERT_TRUE(client.readUntil("playback started")) << "the client never started playing";
@@ -97,17 +67,14 @@ TEST(ServiceTest, OutlivesAKilledClientRefusesASecondServiceAndStopsCleanlyOnSig
         EXPECT_NE(all.find("HostPlayer: alsa:"), std::string::npos) << all;
         EXPECT_EQ(all.find("ALSA lib"), std::string::npos) << all;
     }
-    ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
-    while (service.readLine()) {
-    }
-    EXPECT_EQ(service.finish(), 0);
+    EXPECT_EQ(service.stop(), 0);
     Shell alone(ZEM_PLAY_PATH " " + shortInput);
     EXPECT_TRUE(alone.process.readUntil("nothing listens at " + dir.path() + "/" + kService));
     EXPECT_EQ(exitStatus(alone.process.finish()), 3);
 }
 
 TEST(ServiceTest, ZemPlayEndsPromptlyOnSigtermWhileInitWaitsOrTheServiceStalls) {
-    parlex::test::PrivateRuntimeDir dir;
+    PrivateRuntimeDir dir;
     const std::string input = dir.path() + "/long.wav";
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", input, "30"}), 0);
     {
@@ -130,10 +97,8 @@ TEST(ServiceTest, ZemPlayEndsPromptlyOnSigtermWhileInitWaitsOrTheServiceStalls) 
         EXPECT_EQ(exitStatus(client.process.finish()), 130);
         ::unlink(address.sun_path);
     }
-    Process service({ZEM_AUDIOD_PATH});
-    const std::optional<std::string> ready = service.readLine();
-    ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
-    const pid_t servicePid = std::stoi(ready->substr(ready->find("pid ") + 4));
+    AudioService service({ZEM_AUDIOD_PATH});
+    ASSERT_GT(service.pid, 0);
     {
         Shell answered(ZEM_PLAY_PATH " " + input);
         ASSERT_TRUE(answered.process.readUntil("playback started"));
@@ -144,15 +109,12 @@ TEST(ServiceTest, ZemPlayEndsPromptlyOnSigtermWhileInitWaitsOrTheServiceStalls) 
     }
     Shell stalled(ZEM_PLAY_PATH " " + input);
     ASSERT_TRUE(stalled.process.readUntil("playback started"));
-    ::kill(servicePid, SIGSTOP);
+    ::kill(service.pid, SIGSTOP);
     std::this_thread::sleep_for(300ms);  // zem-play's next request now waits for the service
     ::kill(stalled.pid, SIGTERM);
     EXPECT_EQ(exitStatus(stalled.process.finish()), 130);
-    ::kill(servicePid, SIGCONT);
-    ::kill(servicePid, SIGTERM);
-    while (service.readLine()) {
-    }
-    EXPECT_EQ(exitStatus(service.finish()), 0);
+    ::kill(service.pid, SIGCONT);
+    EXPECT_EQ(service.stop(), 0);
 }
 
 // A PCM source of 16-bit stereo at 48000 Hz.
@@ -182,8 +144,7 @@ public:
 
 TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsUpNoShutdown) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root, to run a client as nobody";
-    parlex::test::PrivateRuntimeDir dir;
-    if (!transportKnowsItsPeers()) GTEST_SKIP() << "the transport does not name its clients";
+    PrivateRuntimeDir dir;
     ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
     ::setenv("PARLEX_SOCKET_MODE", "0666", 1);
     const std::string secret = dir.path() + "/secret.wav";
@@ -192,10 +153,9 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", open, "0.3"}), 0);
     ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
     ASSERT_EQ(::chmod(open.c_str(), 0644), 0);
-    Process service({ZEM_AUDIOD_PATH, "--call-deadline", "300", "--allow-uid", "65534", "--sink",
-                     "wav:" + dir.path() + "/out.wav", "--track-files"});
-    const std::optional<std::string> ready = service.readLine();
-    ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
+    AudioService service({ZEM_AUDIOD_PATH, "--call-deadline", "300", "--allow-uid", "65534",
+                          "--sink", "wav:" + dir.path() + "/out.wav", "--track-files"});
+    ASSERT_GT(service.pid, 0);
     const std::string nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
     Shell refused(nobody + ZEM_PLAY_PATH " --url " + secret);
     EXPECT_TRUE(refused.process.readUntil("playback error 1"));
@@ -213,11 +173,8 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     const orv::ZEMAudioSourceV4 source = stereoPcm();
     ASSERT_GT(track->setSource(source, orv::MediaDescription()), 0);
     track->play();
-    ASSERT_TRUE(parlex::test::waitUntil([&] { return listener->asked.load(); }));
-    ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
-    while (service.readLine()) {
-    }
-    EXPECT_EQ(exitStatus(service.finish()), 0);
+    ASSERT_TRUE(waitUntil([&] { return listener->asked.load(); }));
+    EXPECT_EQ(service.stop(), 0);
     release.set_value();
     ::unsetenv("PARLEX_SOCKET_MODE");
 }
@@ -255,12 +212,11 @@ std::vector<short> readWav(const std::string& path) {
 }
 
 TEST(ServiceTest, LateClientIsHeardAsItsOwnUnderrunAndAnotherClientPlaysOnUnbroken) {
-    parlex::test::PrivateRuntimeDir dir;
+    PrivateRuntimeDir dir;
     const std::string input = dir.path() + "/steady.wav";
     ASSERT_EQ(run({ZEM_WAVTOOL_PATH, "generate", input, "0.8"}), 0);
-    Process service({ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/mix.wav"});
-    const std::optional<std::string> ready = service.readLine();
-    ASSERT_TRUE(ready && ready->find("ready (pid ") != std::string::npos);
+    AudioService service({ZEM_AUDIOD_PATH, "--sink", "wav:" + dir.path() + "/mix.wav"});
+    ASSERT_GT(service.pid, 0);
     auto listener = std::make_shared<LateListener>();
     std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
     ASSERT_TRUE(track->init(std::shared_ptr<orv::EventListenerV3>(listener),
@@ -271,7 +227,7 @@ TEST(ServiceTest, LateClientIsHeardAsItsOwnUnderrunAndAnotherClientPlaysOnUnbrok
     length.firstMap.pairs[0] = orv::DescriptionPair(zem::kTotalFramesKey, "48000");
     ASSERT_GT(track->setSource(source, length), 0);
     track->play();
-    ASSERT_TRUE(parlex::test::waitUntil([&] { return listener->started.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return listener->started.load(); }));
     {
         Process other({ZEM_PLAY_PATH, "--url", input});  // the other client, in its own process
         std::string events;
@@ -279,14 +235,11 @@ TEST(ServiceTest, LateClientIsHeardAsItsOwnUnderrunAndAnotherClientPlaysOnUnbrok
         EXPECT_EQ(exitStatus(other.finish()), 0);
         EXPECT_EQ(events.find("underrun"), std::string::npos) << events;
     }
-    ASSERT_TRUE(parlex::test::waitUntil([&] { return listener->finished.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return listener->finished.load(); }));
     EXPECT_EQ(listener->underruns.load(), 1);
     EXPECT_EQ(listener->refills.load(), 1);
     track->destroy();
-    ::kill(std::stoi(ready->substr(ready->find("pid ") + 4)), SIGTERM);
-    while (service.readLine()) {
-    }
-    EXPECT_EQ(exitStatus(service.finish()), 0);
+    EXPECT_EQ(service.stop(), 0);
     // The late client supplied silence: the mix is the other client's audio, whole, from where
     // it started.
     const std::vector<short> steady = readWav(input);
