@@ -429,6 +429,9 @@ TEST_F(TransportTest, OneBoundedPoolServesManyConnectionsDespiteBlockedAndNested
     EXPECT_TRUE(eachGetsItsOwnReply(2 * kPoolBound, [&](int i) {
         return static_cast<int>(proxies[i]->call("pull", i).as<AndroidBuffer>().size());
     }));
+    // The threads grown for the nested waits leave once idle: the pool and the accept thread.
+    EXPECT_TRUE(waitUntil([&] { return threadCount() <= threadsBefore + kPoolBound + 1; }))
+        << threadCount() - threadsBefore << " threads more";
 
     auto leaving = std::async(std::launch::async, [&] {
         for (size_t i = 0; i < kClients; i += 2) proxies[i].reset(), clients[i].reset();

@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <system_error>
@@ -298,6 +299,9 @@ void Responder::waitEnded() {
     std::lock_guard<std::mutex> lock(pool.mutex_);
     if (Responder* self = tPool.handling) --self->waiting_;
     --pool.waiting_;
+    // Threads grown for waits that have ended leave; idle ones must wake up to notice.
+    const size_t busy = pool.threads_ - pool.waiting_;
+    if (busy > pool.bound_) pool.wakeLocked(std::min(busy - pool.bound_, pool.idle_));
 }
 
 }  // namespace parlex::transport
