@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -60,6 +61,19 @@ AndroidBuffer patternBuffer(size_t size) {
 std::vector<uint8_t> bytesOf(const AndroidBuffer& buffer) {
     const auto* data = static_cast<const uint8_t*>(buffer.data());
     return std::vector<uint8_t>(data, data + buffer.size());
+}
+
+// Whether the transport pool has its epoll descriptor open.
+bool poolOpen() {
+    for (int fd : openFds()) {
+        char target[64] = {};
+        const std::string link = "/proc/self/fd/" + std::to_string(fd);
+        if (::readlink(link.c_str(), target, sizeof target - 1) > 0 &&
+            std::string(target) == "anon_inode:[eventpoll]") {
+            return true;
+        }
+    }
+    return false;
 }
 
 // "dead_object", "error: <what>" for any other std::runtime_error, or "" for nothing raised.
@@ -182,6 +196,8 @@ private:
 class TransportTest : public ::testing::Test {
 protected:
     TransportTest() {
+        // An earlier test's pool winds down on its own: the counts here start once it is gone.
+        waitUntil([] { return !poolOpen(); });
         logged.clear();
         calloutFailures.clear();
         releasedFor.clear();
@@ -1065,7 +1081,7 @@ TEST_F(TransportTest, TransportThreadsAndDescriptorsNeitherOutliveTeardownNorLea
             }
         }
         EXPECT_EQ(deaths, serverFirst ? 2 : 0);
-        EXPECT_TRUE(waitUntil([&] { return threadCount() == threadsBefore; }));
+        EXPECT_TRUE(waitUntil([&] { return threadCount() <= threadsBefore; }));
         EXPECT_TRUE(waitUntil([&] { return openFds() == fdsBefore; }));
     }
 }
