@@ -398,8 +398,9 @@ TEST_F(EchoTest, HandlersWaitingForAnswersStopAtTheirBoundAndTheOthersFinish) {
 }
 
 // All connections of this process, both sides, share one pool of kPoolBound threads: 64 clients
-// are served, a blocked handler holds up no other connection, nested calls complete when every
-// busy thread waits for one, and connections that end leave the others served.
+// are served, a blocked handler holds up no other connection (and both of two threads stopping
+// its client wait for it; a stop is no death), nested calls complete when every busy thread
+// waits for one, and connections that end leave the others served.
 TEST_F(TransportTest, OneBoundedPoolServesManyConnectionsDespiteBlockedAndNestedHandlers) {
     std::thread([] {}).join();  // ThreadSanitizer's own thread comes with the first one
     const size_t threadsBefore = threadCount();
@@ -412,13 +413,17 @@ TEST_F(TransportTest, OneBoundedPoolServesManyConnectionsDespiteBlockedAndNested
         proxies[i] = std::make_unique<AndroidProxy>(clients[i].get(), "Counted");
     }
     std::promise<void> release;
-    std::atomic<bool> blocked{false};
+    std::atomic<bool> blocked{false}, handlerDone{false};
+    std::atomic<int> deaths{0};
+    proxies[0]->bind("death", [&] { ++deaths; });
     proxies[0]->bind("getBuffer", [&, released = release.get_future().share()](int) {
         blocked = true;
         released.wait();
+        handlerDone = true;
         return AndroidBuffer();
     });
-    auto stuck = std::async(std::launch::async, [&] { return proxies[0]->call("pull", 1); });
+    auto stuck = std::async(std::launch::async,
+                            [&] { return errorOf([&] { proxies[0]->call("pull", 1); }); });
     ASSERT_TRUE(waitUntil([&] { return blocked.load(); }));
     EXPECT_TRUE(eachGetsItsOwnReply(kClients, [&](int i) {
         return proxies[static_cast<size_t>(i)]->call("echoInt", i).as<int>();
@@ -426,13 +431,23 @@ TEST_F(TransportTest, OneBoundedPoolServesManyConnectionsDespiteBlockedAndNested
     // The pool, one more for the handler waiting for the blocked one, this thread, the pull's,
     // the accept thread and one on its way out.
     EXPECT_LE(threadCount(), threadsBefore + kPoolBound + 4);
+    auto stop = [&] {
+        clients[0]->stop();
+        return handlerDone.load();
+    };
+    auto first = std::async(std::launch::async, stop);
+    auto second = std::async(std::launch::async, stop);
+    second.wait_for(std::chrono::milliseconds(200));  // a stop that does not wait returns now
     release.set_value();
-    stuck.get();
+    EXPECT_TRUE(first.get() && second.get()) << "a stop returned while its handler still ran";
+    EXPECT_THAT(stuck.get(), StartsWith("error: "));
+    EXPECT_THAT(errorOf([&] { proxies[0]->call("echoInt", 1); }), StartsWith("error: "));
+    EXPECT_EQ(deaths, 0);
 
     std::mutex mutex;
     std::condition_variable arrived;
     int inside = 0;
-    for (int i = 0; i < 2 * kPoolBound; ++i) {
+    for (int i = 1; i <= 2 * kPoolBound; ++i) {
         proxies[i]->bind("getBuffer", [&, &proxy = *proxies[i]](int bytes) {
             std::unique_lock<std::mutex> lock(mutex);
             ++inside;
@@ -443,7 +458,7 @@ TEST_F(TransportTest, OneBoundedPoolServesManyConnectionsDespiteBlockedAndNested
         });
     }
     EXPECT_TRUE(eachGetsItsOwnReply(2 * kPoolBound, [&](int i) {
-        return static_cast<int>(proxies[i]->call("pull", i).as<AndroidBuffer>().size());
+        return static_cast<int>(proxies[i + 1]->call("pull", i).as<AndroidBuffer>().size());
     }));
     // The threads grown for the nested waits leave once idle: the pool and the accept thread.
     EXPECT_TRUE(waitUntil([&] { return threadCount() <= threadsBefore + kPoolBound + 1; }))
@@ -457,35 +472,6 @@ TEST_F(TransportTest, OneBoundedPoolServesManyConnectionsDespiteBlockedAndNested
     }
     leaving.get();
     EXPECT_TRUE(waitUntil([&] { return server.alive() == kClients / 2; }));
-}
-
-// Both stops wait for a callback handler still running; a stop is no death.
-TEST_F(EchoTest, StopCalledFromTwoThreadsReturnsInBothOnceThePoolThreadsEndedAndIsNoDeath) {
-    std::promise<void> release;
-    std::atomic<bool> entered{false}, handlerDone{false};
-    std::atomic<int> deaths{0};
-    echo_.bind("death", [&] { ++deaths; });
-    echo_.bind("getBuffer", [&, released = release.get_future().share()](int) {
-        entered = true;
-        released.wait();
-        handlerDone = true;
-        return AndroidBuffer();
-    });
-    auto pull =
-        std::async(std::launch::async, [&] { return errorOf([&] { echo_.call("pull", 1); }); });
-    ASSERT_TRUE(waitUntil([&] { return entered.load(); }));
-    auto stop = [&] {
-        client_.stop();
-        return handlerDone.load();
-    };
-    auto first = std::async(std::launch::async, stop);
-    auto second = std::async(std::launch::async, stop);
-    second.wait_for(std::chrono::milliseconds(200));
-    release.set_value();
-    EXPECT_TRUE(first.get() && second.get()) << "a stop returned while a pool thread still ran";
-    EXPECT_THAT(pull.get(), StartsWith("error: "));
-    EXPECT_THAT(errorOf([&] { echo_.call("echoInt", 1); }), StartsWith("error: "));
-    EXPECT_EQ(deaths, 0);
 }
 
 // A record that breaks the framing: the first `recordBytes` of `header` followed by zero bytes,
