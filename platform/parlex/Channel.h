@@ -127,9 +127,10 @@ private:
     // guarded by the pool's mutex:
     uint64_t id_ = 0;  // its registration in the pool; 0 when out of it
     std::shared_ptr<void> keepAlive_;
-    size_t active_ = 0;   // pool threads inside serve()
-    size_t joiners_ = 0;  // pool threads of this responder inside join()
-    size_t waiting_ = 0;  // handlers waiting for an answer
+    size_t active_ = 0;     // pool threads inside serve()
+    size_t joiners_ = 0;    // pool threads of this responder inside join()
+    size_t finishing_ = 0;  // pool threads running onFinished
+    size_t waiting_ = 0;    // handlers waiting for an answer
     bool ended_ = false;
     bool finishReported_ = false;
 };

@@ -182,11 +182,17 @@ void Pool::serveOne(std::unique_lock<std::mutex>& lock, uint64_t id) {
     tPool.handling = nullptr;
     lock.lock();
     --responder.active_;
+    if (responder.ended_ && responder.active_ == 0 && !responder.finishReported_) {
+        responder.finishReported_ = true;
+        // Until onFinished returns, join() waits: the owner it reaches must still be there.
+        ++responder.finishing_;
+        lock.unlock();
+        if (responder.onFinished_) responder.onFinished_();
+        lock.lock();
+        --responder.finishing_;
+    }
     left_.notify_all();
-    const bool finished = responder.ended_ && responder.active_ == 0 && !responder.finishReported_;
-    if (finished) responder.finishReported_ = true;
     lock.unlock();
-    if (finished && responder.onFinished_) responder.onFinished_();
     keepAlive.reset();  // may destroy the owner, and the responder with it: no lock held
     lock.lock();
 }
@@ -266,7 +272,7 @@ void Responder::join() {
             ++joiners_;
             pool.left_.notify_all();
         }
-        pool.left_.wait(lock, [&] { return active_ <= joiners_; });
+        pool.left_.wait(lock, [&] { return active_ <= joiners_ && finishing_ == 0; });
         if (handler) --joiners_;
         endHere = !ended_;
         ended_ = true;
