@@ -1,8 +1,6 @@
-// The host transport between real processes: the test process plays one side and a parlex_peer
-// process (tests/peer) the other, over the real sockets; raw sockets play a peer that breaks the
-// framing. Each test has its own runtime directory, and an alarm ends a binary whose test hangs
-// (the last "[ RUN ]" line names it). What the transport logs is kept for the tests that provoke
-// a line to assert on, and shown when a test fails.
+// The host transport between real processes: this process plays one side and a parlex_peer
+// (tests/peer) or raw sockets the other. An alarm ends a binary whose test hangs (the last
+// "[ RUN ]" line names it); what the transport logs is shown when a test fails.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,6 +9,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -46,7 +45,10 @@ using transport::UniqueFd;
 
 constexpr const char* kService = "parlex-test";
 
-// What the transport logged in this test, at one level.
+// Every test, and every peer it starts, runs on a pool this small.
+constexpr int kPoolBound = 4;
+const bool kSmallPool = ::setenv("PARLEX_MAX_THREADS", std::to_string(kPoolBound).c_str(), 1) == 0;
+
 orv::test::RecordingLogSink logged;
 size_t loggedWith(const std::string& text) { return logged.count(orv::LOG_ERROR, text); }
 
@@ -61,8 +63,20 @@ std::vector<uint8_t> bytesOf(const AndroidBuffer& buffer) {
     return std::vector<uint8_t>(data, data + buffer.size());
 }
 
-// What a call raised: "dead_object" for a dead peer, "error: <what>" for any other
-// std::runtime_error (the error reply a handler failure becomes), "" for nothing.
+// Whether the transport pool has its epoll descriptor open.
+bool poolOpen() {
+    for (int fd : openFds()) {
+        char target[64] = {};
+        const std::string link = "/proc/self/fd/" + std::to_string(fd);
+        if (::readlink(link.c_str(), target, sizeof target - 1) > 0 &&
+            std::string(target) == "anon_inode:[eventpoll]") {
+            return true;
+        }
+    }
+    return false;
+}
+
+// "dead_object", "error: <what>" for any other std::runtime_error, or "" for nothing raised.
 std::string errorOf(const std::function<void()>& send) {
     try {
         send();
@@ -79,16 +93,15 @@ bool settles(std::future<T>& outcome) {
     return outcome.wait_for(kTimeout) == std::future_status::ready;
 }
 
-// Runs call(0) ... call(count - 1) at once, each on its own thread; every call must return its
-// own index, which proves that it got its own reply. When one hangs, `server` is killed so that
-// the others return.
+// Runs call(0) ... call(count - 1) at once; each must return its own index. When one hangs,
+// `server` (if any) is killed so that the others return.
 ::testing::AssertionResult eachGetsItsOwnReply(int count, const std::function<int(int)>& call,
-                                               Process& server) {
+                                               Process* server = nullptr) {
     std::vector<std::future<int>> replies;
     for (int i = 0; i < count; ++i) replies.push_back(std::async(std::launch::async, call, i));
     for (int i = 0; i < count; ++i) {
         if (!settles(replies[i])) {
-            server.kill();
+            if (server != nullptr) server->kill();
             return ::testing::AssertionFailure() << "call " << i << " hangs";
         }
         if (const int got = replies[i].get(); got != i) {
@@ -98,8 +111,7 @@ bool settles(std::future<T>& outcome) {
     return ::testing::AssertionSuccess();
 }
 
-// What the served objects' calls to their clients raised, and on whose behalf each object was
-// released (a pid, or "nobody"), in order, whatever thread wrote them.
+// What the served objects' calls to their clients raised; on whose behalf each was released.
 orv::test::RecordingLogSink calloutFailures, releasedFor;
 void note(orv::test::RecordingLogSink& to, const std::string& line) {
     to.logMessage(orv::LOG_ERROR, "", line.c_str());
@@ -110,8 +122,7 @@ std::vector<std::string> notes(const orv::test::RecordingLogSink& from) {
     return lines;
 }
 
-// An object that the test process serves. It counts its live instances so that tests can watch
-// the transport release them, calls back to its client on request, and can send events from a
+// Served here: counts its live instances, calls back to its client, and can send events from a
 // thread of its own that its destructor joins, as the server's track objects do.
 class Counted : public AndroidImpl {
 public:
@@ -123,12 +134,11 @@ public:
             AndroidBuffer buffer;
             const std::string failure =
                 errorOf([&] { buffer = callback("getBuffer", bytes).as<AndroidBuffer>(); });
-            if (!failure.empty()) note(calloutFailures, failure);
-            if (!failure.empty()) throw std::runtime_error(failure);
-            return buffer;
+            if (failure.empty()) return buffer;
+            note(calloutFailures, failure);
+            throw std::runtime_error(failure);
         });
-        // Events sent all at once, each waited for only once all have gone: more than a client
-        // that does not read can take.
+        // More events at once than a client that does not read can take.
         bind("flood", [this] {
             std::vector<std::future<AndroidParcel>> sent;
             for (int i = 0; i < 20; ++i) {
@@ -173,32 +183,21 @@ private:
 class CountedServer : public AndroidServer {
 public:
     explicit CountedServer(const std::string& service, const ServerLimits& limits = {}) {
-        registerFactory("Counted", [this] {
-            auto object = std::make_shared<Counted>(alive_);
-            std::lock_guard<std::mutex> lock(mutex_);
-            made_.push_back(object);
-            return object;
-        });
+        registerFactory("Counted", [this] { return std::make_shared<Counted>(alive_); });
         start(service, limits);
     }
     ~CountedServer() { stop(); }  // while the counter still exists
-
     int alive() const { return alive_; }
-    // The `index`th object made, while the transport still holds it.
-    std::shared_ptr<Counted> made(size_t index) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return index < made_.size() ? made_[index].lock() : nullptr;
-    }
 
 private:
     std::atomic<int> alive_{0};
-    std::mutex mutex_;  // guards: made_
-    std::vector<std::weak_ptr<Counted>> made_;
 };
 
 class TransportTest : public ::testing::Test {
 protected:
     TransportTest() {
+        // An earlier test's pool winds down on its own: the counts here start once it is gone.
+        waitUntil([] { return !poolOpen(); });
         logged.clear();
         calloutFailures.clear();
         releasedFor.clear();
@@ -208,8 +207,7 @@ protected:
     }
     ~TransportTest() override { ::alarm(0); }
 
-    // A peer that is still running must exit 0 when asked: anything else means it crashed,
-    // hung or (under the sanitizers) leaked.
+    // A peer still running must exit 0 when asked (not crashed, hung or leaking).
     void TearDown() override {
         for (auto& peer : peers_) {
             if (peer->running()) {
@@ -222,8 +220,7 @@ protected:
         }
     }
 
-    // Starts the peer (as user `uid` when given) and waits for its "ready"; what it says before
-    // goes to `said`.
+    // Starts the peer (as `uid` if given), waits for its "ready"; what comes before goes to `said`.
     Process& startPeer(const std::vector<std::string>& args,
                        std::vector<std::string>* said = nullptr,
                        std::optional<uid_t> uid = std::nullopt) {
@@ -249,7 +246,6 @@ protected:
 
     std::string servicePath() const { return runtimeDir_.path() + "/" + kService; }
 
-    // The start of what a client of kService is told when the service refuses it.
     std::string refusedBy() const {
         return "error: parlex: service '" + std::string(kService) + "' at " + servicePath() +
                " refused the connection: ";
@@ -266,31 +262,26 @@ protected:
     AndroidProxy echo_{&client_, "Echo"};
 };
 
-TEST_F(TransportTest, ServiceNameIsTakenOnlyOnceItsServerIsGoneAndErrorsNameIt) {
+TEST_F(TransportTest, ServiceSocketIsPrivateTakenOnceAndReplacedOnlyWhenItsServerIsGone) {
+    namespace fs = std::filesystem;
+    for (const char* mode : {"", "660"}) {
+        const std::string dir = runtimeDir_.path() + "/run" + mode;
+        ::setenv("PARLEX_RUNTIME_DIR", dir.c_str(), 1);
+        if (*mode != '\0') ::setenv("PARLEX_SOCKET_MODE", mode, 1);
+        AndroidServer server;
+        server.start(kService);
+        EXPECT_EQ(fs::status(dir).permissions(), fs::perms::owner_all);
+        EXPECT_EQ(fs::status(dir + "/" + kService).permissions(), fs::perms(*mode ? 0660 : 0600));
+    }
+    ::setenv("PARLEX_RUNTIME_DIR", runtimeDir_.path().c_str(), 1);
+    ::unsetenv("PARLEX_SOCKET_MODE");
     Process& first = startPeer({"server", kService});
     AndroidServer second;
     EXPECT_THAT(errorOf([&] { second.start(kService); }), HasSubstr(kService));
-    EXPECT_TRUE(serves("Echo"));
     first.kill();
     ASSERT_TRUE(std::filesystem::exists(servicePath())) << "no stale socket to replace";
     CountedServer server(kService);
     EXPECT_TRUE(serves());
-}
-
-TEST_F(TransportTest, RuntimeDirIsPrivateAndTheSocketTakesTheConfiguredMode) {
-    namespace fs = std::filesystem;
-    for (const char* modeVariable : {"", "660"}) {
-        const std::string dir = runtimeDir_.path() + "/run" + modeVariable;
-        ::setenv("PARLEX_RUNTIME_DIR", dir.c_str(), 1);
-        if (*modeVariable != '\0') ::setenv("PARLEX_SOCKET_MODE", modeVariable, 1);
-        AndroidServer server;
-        server.start(kService);
-
-        EXPECT_EQ(fs::status(dir).permissions(), fs::perms::owner_all);
-        EXPECT_EQ(fs::status(dir + "/" + kService).type(), fs::file_type::socket);
-        EXPECT_EQ(fs::status(dir + "/" + kService).permissions(),
-                  fs::perms(*modeVariable ? 0660 : 0600));
-    }
 }
 
 // The size of a parcel holding `values`, a request's object id and method name included.
@@ -309,8 +300,6 @@ size_t longestText(const T&... head) {
     return n;
 }
 
-// A message of exactly the limit crosses each way, in parcel bytes or mostly in a blob; one byte
-// more is refused by its sender, and the connection carries on.
 TEST_F(EchoTest, MessagesOfExactlyTheLimitCrossAndOneByteMoreIsRefusedBeforeItIsSent) {
     const std::string id = echo_.objectId();
     const size_t request = longestText(id, std::string("echoString"));
@@ -357,8 +346,6 @@ TEST_F(EchoTest, FailuresComeBackAsErrorRepliesAndTheConnectionCarriesOn) {
     EXPECT_EQ(echo_.call("echoInt", 7).as<int>(), 7);
 }
 
-// The server knows which process runs a creation or a request, on that thread only; a client's
-// handler for the server's callback runs on behalf of nobody.
 TEST_F(EchoTest, CallingPeerNamesTheClientInsideItsCreationAndRequestsOnly) {
     const std::string me = std::to_string(::getpid()) + " " + std::to_string(::getuid());
     EXPECT_EQ(echo_.call("callingPeer").as<std::string>(), me + " " + me + " unset");
@@ -372,36 +359,12 @@ TEST_F(EchoTest, CallingPeerNamesTheClientInsideItsCreationAndRequestsOnly) {
     EXPECT_FALSE(inCallback);
 }
 
-// Concurrent calls stay within the bound of handler threads. Then each "pull" waits in a server
-// handler for its callback, whose handler calls the server again. A full pool's worth of
-// callbacks are held until all are inside at once, so both sides run that many concurrently and
-// every server thread of the first wave waits when the nested calls come.
-TEST_F(EchoTest, ConcurrentCallsGetTheirOwnRepliesWithinTheBoundAndNestedOnesBeyondItFinish) {
-    const int bound = static_cast<int>(kMaxHandlerThreadsPerConnection);
+TEST_F(EchoTest, ConcurrentCallsOfOneConnectionRunAtOnceUpToThePoolBound) {
     EXPECT_TRUE(eachGetsItsOwnReply(
-        bound + 8, [&](int i) { return echo_.call("sleepInside", i).as<int>(); }, server_));
-    EXPECT_EQ(echo_.call("mostInside").as<int>(), bound);
-
-    std::mutex mutex;
-    std::condition_variable arrived;
-    int inside = 0;
-    echo_.bind("getBuffer", [&](int bytes) {
-        {
-            std::unique_lock<std::mutex> lock(mutex);
-            ++inside;
-            arrived.notify_all();
-            arrived.wait_for(lock, kTimeout, [&] { return inside >= bound; });
-        }
-        return patternBuffer(static_cast<size_t>(echo_.call("echoInt", bytes).as<int>()));
-    });
-    EXPECT_TRUE(eachGetsItsOwnReply(
-        2 * bound,
-        [&](int i) { return static_cast<int>(echo_.call("pull", i).as<AndroidBuffer>().size()); },
-        server_));
+        kPoolBound + 8, [&](int i) { return echo_.call("sleepInside", i).as<int>(); }, &server_));
+    EXPECT_EQ(echo_.call("mostInside").as<int>(), kPoolBound);
 }
 
-// Server handlers that wait for their callbacks' answers: as many as the bound wait, the ones
-// beyond it fail at once, and the connection serves on.
 TEST_F(EchoTest, HandlersWaitingForAnswersStopAtTheirBoundAndTheOthersFinish) {
     const int bound = static_cast<int>(kMaxWaitingHandlersPerConnection);
     std::promise<void> release;
@@ -434,69 +397,81 @@ TEST_F(EchoTest, HandlersWaitingForAnswersStopAtTheirBoundAndTheOthersFinish) {
     EXPECT_EQ(echo_.call("echoInt", 3).as<int>(), 3);
 }
 
-// The client's track proxy binds "death" in its constructor: a death that comes before then must
-// still reach it, once, and the proxies that had theirs get no second one.
-TEST_F(EchoTest, KilledServerFailsThePendingCallAndTellsEachProxyOnceEvenOneThatBindsLate) {
-    AndroidProxy second(&client_, "Echo");
-    AndroidProxy late(&client_, "Echo");
-    std::atomic<int> firstDeaths{0}, secondDeaths{0}, lateDeaths{0};
-    std::atomic<bool> callFromDeathFailed{false};
-    echo_.bind("death", [&] {
-        ++firstDeaths;
-        // A listener told of the death may still try the server; that must fail, not hang.
-        callFromDeathFailed = errorOf([&] { echo_.call("echoInt", 1); }) == "dead_object";
-    });
-    second.bind("death", [&] { ++secondDeaths; });
-
-    auto pending = std::async(std::launch::async, [&] { return echo_.call("hang"); });
-    const std::optional<std::string> parked = server_.readLine();
-    server_.kill();  // before any check: a failing one would leave the call pending for good
-    EXPECT_EQ(parked, "hanging");
-    ASSERT_TRUE(settles(pending));
-    EXPECT_THROW(pending.get(), dead_object);
-
-    EXPECT_TRUE(waitUntil([&] { return firstDeaths + secondDeaths == 2; }));
-    EXPECT_THROW(second.call("echoInt", 2), dead_object);
-    EXPECT_THROW(AndroidProxy third(&client_, "Echo"), dead_object);
-    late.bind("death", [&] { ++lateDeaths; });
-    EXPECT_TRUE(waitUntil([&] { return lateDeaths == 1; }));
-    late.bind("death", [&] { ++lateDeaths; });  // binding again is no call for another
-    client_.stop();
-    EXPECT_EQ(firstDeaths, 1);
-    EXPECT_EQ(secondDeaths, 1);
-    EXPECT_EQ(lateDeaths, 1);
-    EXPECT_TRUE(callFromDeathFailed);
-}
-
-// A client callback handler still runs on a pool thread when two threads stop the client; the
-// second must wait for it as the first does. A stop is no death: sends fail, "death" stays away.
-TEST_F(EchoTest, StopCalledFromTwoThreadsReturnsInBothOnceThePoolThreadsEndedAndIsNoDeath) {
+// All connections of this process, both sides, share one pool of kPoolBound threads: 64 clients
+// are served, a blocked handler holds up no other connection (and both of two threads stopping
+// its client wait for it; a stop is no death), nested calls complete when every busy thread
+// waits for one, and connections that end leave the others served.
+TEST_F(TransportTest, OneBoundedPoolServesManyConnectionsDespiteBlockedAndNestedHandlers) {
+    std::thread([] {}).join();  // ThreadSanitizer's own thread comes with the first one
+    const size_t threadsBefore = threadCount();
+    constexpr size_t kClients = 64;
+    CountedServer server(kService);
+    std::vector<std::unique_ptr<AndroidClient>> clients(kClients);
+    std::vector<std::unique_ptr<AndroidProxy>> proxies(kClients);
+    for (size_t i = 0; i < kClients; ++i) {
+        clients[i] = std::make_unique<AndroidClient>(kService);
+        proxies[i] = std::make_unique<AndroidProxy>(clients[i].get(), "Counted");
+    }
     std::promise<void> release;
-    std::atomic<bool> entered{false}, handlerDone{false};
+    std::atomic<bool> blocked{false}, handlerDone{false};
     std::atomic<int> deaths{0};
-    echo_.bind("death", [&] { ++deaths; });
-    echo_.bind("getBuffer", [&, released = release.get_future().share()](int) {
-        entered = true;
+    proxies[0]->bind("death", [&] { ++deaths; });
+    proxies[0]->bind("getBuffer", [&, released = release.get_future().share()](int) {
+        blocked = true;
         released.wait();
         handlerDone = true;
         return AndroidBuffer();
     });
-    auto pull =
-        std::async(std::launch::async, [&] { return errorOf([&] { echo_.call("pull", 1); }); });
-    ASSERT_TRUE(waitUntil([&] { return entered.load(); }));
+    auto stuck = std::async(std::launch::async,
+                            [&] { return errorOf([&] { proxies[0]->call("pull", 1); }); });
+    ASSERT_TRUE(waitUntil([&] { return blocked.load(); }));
+    EXPECT_TRUE(eachGetsItsOwnReply(kClients, [&](int i) {
+        return proxies[static_cast<size_t>(i)]->call("echoInt", i).as<int>();
+    }));
+    // The pool, one more for the handler waiting for the blocked one, this thread, the pull's,
+    // the accept thread and one on its way out.
+    EXPECT_LE(threadCount(), threadsBefore + kPoolBound + 4);
     auto stop = [&] {
-        client_.stop();
+        clients[0]->stop();
         return handlerDone.load();
     };
     auto first = std::async(std::launch::async, stop);
     auto second = std::async(std::launch::async, stop);
-    // A stop that returns early does so at once; give it the chance before letting the handler go.
-    second.wait_for(std::chrono::milliseconds(200));
+    second.wait_for(std::chrono::milliseconds(200));  // a stop that does not wait returns now
     release.set_value();
-    EXPECT_TRUE(first.get() && second.get()) << "a stop returned while a pool thread still ran";
-    EXPECT_THAT(pull.get(), StartsWith("error: "));
-    EXPECT_THAT(errorOf([&] { echo_.call("echoInt", 1); }), StartsWith("error: "));
+    EXPECT_TRUE(first.get() && second.get()) << "a stop returned while its handler still ran";
+    EXPECT_THAT(stuck.get(), StartsWith("error: "));
+    EXPECT_THAT(errorOf([&] { proxies[0]->call("echoInt", 1); }), StartsWith("error: "));
     EXPECT_EQ(deaths, 0);
+
+    std::mutex mutex;
+    std::condition_variable arrived;
+    int inside = 0;
+    for (int i = 1; i <= 2 * kPoolBound; ++i) {
+        proxies[i]->bind("getBuffer", [&, &proxy = *proxies[i]](int bytes) {
+            std::unique_lock<std::mutex> lock(mutex);
+            ++inside;
+            arrived.notify_all();
+            arrived.wait_for(lock, kTimeout, [&] { return inside >= kPoolBound; });
+            lock.unlock();
+            return patternBuffer(static_cast<size_t>(proxy.call("echoInt", bytes).as<int>()));
+        });
+    }
+    EXPECT_TRUE(eachGetsItsOwnReply(2 * kPoolBound, [&](int i) {
+        return static_cast<int>(proxies[i + 1]->call("pull", i).as<AndroidBuffer>().size());
+    }));
+    // The threads grown for the nested waits leave once idle: the pool and the accept thread.
+    EXPECT_TRUE(waitUntil([&] { return threadCount() <= threadsBefore + kPoolBound + 1; }))
+        << threadCount() - threadsBefore << " threads more";
+
+    auto leaving = std::async(std::launch::async, [&] {
+        for (size_t i = 0; i < kClients; i += 2) proxies[i].reset(), clients[i].reset();
+    });
+    for (size_t i = 1; i < 4 * kClients; i += 2) {
+        EXPECT_EQ(proxies[i % kClients]->call("echoInt", 3).as<int>(), 3);
+    }
+    leaving.get();
+    EXPECT_TRUE(waitUntil([&] { return server.alive() == kClients / 2; }));
 }
 
 // A record that breaks the framing: the first `recordBytes` of `header` followed by zero bytes,
@@ -576,8 +551,7 @@ bool readable(int socket) {
     return ::poll(&poller, 1, static_cast<int>(kTimeout.count())) == 1;
 }
 
-bool received(int socket, transport::Frame& frame) {
-    std::string error;
+bool received(int socket, transport::Frame& frame, std::string error = {}) {
     return readable(socket) &&
            transport::recvFrame(socket, frame, error) == transport::RecvStatus::Ok;
 }
@@ -628,7 +602,7 @@ TEST_P(MalformedFrameToServerTest, DropsOnlyThatConnectionLogsItAndKeepsServing)
         EXPECT_TRUE(serves());
     }
     // Descriptors that came with the frame are closed, whichever way it was rejected.
-    EXPECT_EQ(openFds().size(), fdsBefore);
+    EXPECT_TRUE(waitUntil([&] { return openFds().size() == fdsBefore; }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Frames, MalformedFrameToServerTest,
@@ -705,6 +679,10 @@ TEST_F(TransportTest, ProxyMadeWhileTheDeathIsDeliveredIsToldOfItToo) {
     ASSERT_EQ(witnessed, 1) << "the death came only after the proxy was reachable";
     late.bind("death", [&] { ++deaths; });
     EXPECT_TRUE(waitUntil([&] { return deaths == 1; }));
+    late.bind("death", [&] { ++deaths; });  // binding again is no call for another
+    client.stop();
+    EXPECT_EQ(deaths, 1);
+    EXPECT_EQ(witnessed, 1);
 }
 
 // A service runs for long and its clients come and go: what a dropped proxy or a gone client's
@@ -882,20 +860,18 @@ TEST_F(TransportTest, OnlyAllowedUsersGetInAndOthersLearnWhy) {
     EXPECT_THAT(attempt(allowed), ElementsAre("connected 1"));
 }
 
-// A server that cannot start a thread for a new client refuses it, says so, and keeps serving
-// the clients it has (the peer runs as another user, whom the limit of threads binds).
-TEST_F(TransportTest, ServerOutOfThreadsRefusesANewClientAndKeepsServing) {
+// A server that cannot start another thread serves a new client on the threads it has (the peer
+// runs as another user, whom the limit of threads binds).
+TEST_F(TransportTest, ServerOutOfThreadsServesANewClientOnItsPool) {
     if (::geteuid() != 0) GTEST_SKIP() << "running a peer as another user needs root";
     ASSERT_EQ(::chmod(runtimeDir_.path().c_str(), 0777), 0);
     startPeer({"server", kService}, nullptr, std::optional<uid_t>(65534));
     AndroidClient client(kService);
     AndroidProxy echo(&client, "Echo");
     ASSERT_EQ(echo.call("limitThreads", true).as<int>(), 0);
-    const std::string refused = errorOf([] { AndroidClient refused(kService); });
+    const bool served = serves("Echo") && serves("Echo");
     ASSERT_EQ(echo.call("limitThreads", false).as<int>(), 0);
-    EXPECT_THAT(refused, HasSubstr("refused the connection"));
-    EXPECT_EQ(echo.call("logged", std::string("no thread left for a client")).as<int>(), 1);
-    EXPECT_TRUE(serves("Echo"));
+    EXPECT_TRUE(served);
 }
 
 // A service that takes no connection (a stopped one, whose connections wait in the listen
@@ -943,37 +919,28 @@ TEST_F(TransportTest, ServiceThatDoesNotAnswerFailsTheClientAtTheConnectDeadline
         << "the deadline from the environment was not used";
 }
 
-// A client that never answers a callback: the server's wait fails as for a dead client at the
-// call deadline, the client's objects go, and other clients are served meanwhile. The client's
-// own pending call fails as the connection closes.
-TEST_F(TransportTest, ClientThatNeverAnswersACallbackIsDisconnectedAtTheCallDeadline) {
-    ServerLimits limits;
-    limits.callDeadline = std::chrono::milliseconds(300);
-    CountedServer server(kService, limits);
-    Process& stuck = startPeer({"stuck", kService, "Counted"});
-    EXPECT_EQ(stuck.readLine(), "hanging");
-    EXPECT_TRUE(serves());
-    EXPECT_EQ(stuck.readLine(), "dead_object");
-    EXPECT_TRUE(waitUntil([&] { return server.alive() == 0; })) << server.alive() << " alive";
-    EXPECT_THAT(notes(calloutFailures), ::testing::ElementsAre("dead_object"));
-    EXPECT_EQ(loggedWith("parlex: client " + described(stuck.pid()) +
-                         " did not answer or take its messages within 300 ms; disconnecting"),
-              1u);
-}
-
-// A client that stops reading its socket: neither the answers to its requests nor the events for
-// it may hold a server thread beyond the call deadline. It is disconnected and its object goes.
-TEST_F(TransportTest, ClientThatStopsReadingIsDisconnectedAtTheCallDeadline) {
+// A client that never answers a callback, or leaves the answers to its requests or the events
+// for it unread, holds no server thread beyond the call deadline: it is disconnected with one
+// line, the object's send fails as for a dead client, its object goes, and others are served.
+TEST_F(TransportTest, ClientThatDoesNotAnswerOrReadIsDisconnectedAtTheCallDeadline) {
     ServerLimits limits;
     limits.callDeadline = std::chrono::milliseconds(200);
     CountedServer server(kService, limits);
     AndroidClient bystander(kService);
     AndroidProxy watcher(&bystander, "Counted");
-    const std::string line = "parlex: client " + described(::getpid()) +
-                             " did not answer or take its messages within 200 ms; disconnecting";
+    const auto line = [](pid_t pid) {
+        return "parlex: client " + described(pid) +
+               " did not answer or take its messages within 200 ms; disconnecting";
+    };
+    Process& stuck = startPeer({"stuck", kService, "Counted"});
+    EXPECT_EQ(stuck.readLine(), "hanging");
+    EXPECT_EQ(watcher.call("echoInt", 4).as<int>(), 4);
+    EXPECT_EQ(stuck.readLine(), "dead_object");
+    EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; })) << server.alive() << " alive";
+    EXPECT_EQ(loggedWith(line(stuck.pid())), 1u);
     for (const char* unread : {"answers", "events"}) {
         SCOPED_TRACE(unread);
-        const size_t linesBefore = loggedWith(line);
+        const size_t linesBefore = loggedWith(line(::getpid()));
         const UniqueFd raw = socketAt(servicePath(), false);
         const UniqueFd events = greet(raw.get());
         transport::Frame created;
@@ -995,10 +962,10 @@ TEST_F(TransportTest, ClientThatStopsReadingIsDisconnectedAtTheCallDeadline) {
             request("flood", 3);
         }
         EXPECT_TRUE(waitUntil([&] { return server.alive() == 1; })) << server.alive() << " alive";
-        EXPECT_EQ(loggedWith(line), linesBefore + 1);
+        EXPECT_EQ(loggedWith(line(::getpid())), linesBefore + 1);
         EXPECT_EQ(watcher.call("echoInt", 4).as<int>(), 4);
     }
-    EXPECT_THAT(notes(calloutFailures), ::testing::ElementsAre("dead_object"));
+    EXPECT_THAT(notes(calloutFailures), ::testing::ElementsAre("dead_object", "dead_object"));
 }
 
 // The peer server at its descriptor limit fails a request that came with a memfd and a reply
@@ -1041,13 +1008,12 @@ TEST_F(EchoTest, LocalShortagesFailOnlyTheCallsTheyHitAndTheServerSaysSoOnce) {
     EXPECT_EQ(echo_.call("echoInt", 2).as<int>(), 2);
 }
 
-// Both ways round: the server stopping with its client still connected, which releases its
-// objects at once and tells each proxy once, and the client going while its server runs, which
-// is no death. A transport descriptor inherited by a child the process spawns would keep a dead
-// peer's connection open, and its death would never be noticed.
+// The server stopping first releases its objects at once and tells each proxy once; the client
+// going first is no death. Threads and descriptors stay put while messages of every kind flow,
+// and go with the last connection; none is inherited by a child the process spawns, where it
+// would keep a dead peer's connection open.
 TEST_F(TransportTest, TransportThreadsAndDescriptorsNeitherOutliveTeardownNorLeakIntoChildren) {
-    // ThreadSanitizer starts a thread of its own along with the process's first thread.
-    std::thread([] {}).join();
+    std::thread([] {}).join();  // ThreadSanitizer's own thread comes with the first one
     for (bool serverFirst : {true, false}) {
         SCOPED_TRACE(serverFirst ? "server first" : "client first");
         const size_t threadsBefore = threadCount();
@@ -1060,36 +1026,32 @@ TEST_F(TransportTest, TransportThreadsAndDescriptorsNeitherOutliveTeardownNorLea
             AndroidProxy second(&client, "Counted");
             for (AndroidProxy* proxy : {&first, &second}) {
                 proxy->bind("getBuffer", [](int bytes) { return patternBuffer(bytes); });
-                proxy->bind("death", [&deaths] { ++deaths; });
+                // A listener told of the death may still try the server: that fails, not hangs.
+                proxy->bind("death", [&deaths, proxy] {
+                    ++deaths;
+                    EXPECT_THROW(proxy->call("echoInt", 1), dead_object);
+                });
             }
-            // Concurrent callbacks with shared-memory blobs grow the handler pools on both sides.
-            std::vector<std::future<AndroidParcel>> pulls;
-            for (int i = 0; i < 6; ++i) {
-                AndroidProxy& proxy = i % 2 ? first : second;
-                pulls.push_back(std::async(std::launch::async,
-                                           [&proxy] { return proxy.call("pull", 100000); }));
-            }
-            for (auto& pull : pulls) {
-                ASSERT_TRUE(settles(pull));
-                EXPECT_EQ(bytesOf(pull.get().as<AndroidBuffer>()), bytesOf(patternBuffer(100000)));
-            }
-            // Every kind of message, again and again, leaves the descriptors and threads where
-            // the first of its kind left them: requests, answers and callbacks, inline, out of
-            // line and with blobs.
             const std::string outOfLine(transport::kInlineLimit + 1, 'o');
-            auto everyKind = [&] {
-                EXPECT_EQ(first.call("echoInt", 1).as<int>(), 1);
-                EXPECT_EQ(first.call("echoString", outOfLine).as<std::string>(), outOfLine);
-                EXPECT_EQ(first.call("pull", 100000).as<AndroidBuffer>().size(), 100000u);
+            auto everyKind = [&](AndroidProxy* proxy) {
+                EXPECT_EQ(proxy->call("echoInt", 1).as<int>(), 1);
+                EXPECT_EQ(proxy->call("echoString", outOfLine).as<std::string>(), outOfLine);
+                EXPECT_EQ(bytesOf(proxy->call("pull", 100000).as<AndroidBuffer>()),
+                          bytesOf(patternBuffer(100000)));
             };
-            everyKind();
+            // Concurrent callbacks with shared-memory blobs grow the pool.
+            std::vector<std::future<void>> calls;
+            for (int i = 0; i < 6; ++i) {
+                calls.push_back(
+                    std::async(std::launch::async, everyKind, i % 2 ? &first : &second));
+            }
+            for (auto& call : calls) ASSERT_TRUE(settles(call));
             const size_t threadsBetween = threadCount();
-            // A sender's memfd may outlive its message's answer for a moment.
             const size_t fdsBetween = openFds().size();
-            for (int i = 0; i < 5; ++i) everyKind();
-            EXPECT_TRUE(waitUntil([&] { return openFds().size() <= fdsBetween; }))
-                << openFds().size() - fdsBetween << " descriptors more";
-            EXPECT_EQ(threadCount(), threadsBetween);
+            for (int i = 0; i < 5; ++i) everyKind(&first);
+            // A sender's memfd may outlive its message's answer for a moment.
+            EXPECT_TRUE(waitUntil([&] { return openFds().size() <= fdsBetween; }));
+            EXPECT_LE(threadCount(), threadsBetween);
             for (int fd : openFds()) {
                 const int flags = ::fcntl(fd, F_GETFD);  // fails for the listing's own, closed
                 EXPECT_TRUE(flags < 0 || (flags & FD_CLOEXEC) ||
@@ -1100,11 +1062,13 @@ TEST_F(TransportTest, TransportThreadsAndDescriptorsNeitherOutliveTeardownNorLea
                 server.stop();
                 EXPECT_EQ(server.alive(), 0);
                 EXPECT_TRUE(waitUntil([&] { return deaths == 2; }));
+                EXPECT_THROW(first.call("echoInt", 2), dead_object);
+                EXPECT_THROW(AndroidProxy third(&client, "Counted"), dead_object);
             }
         }
         EXPECT_EQ(deaths, serverFirst ? 2 : 0);
-        EXPECT_EQ(threadCount(), threadsBefore);
-        EXPECT_EQ(openFds(), fdsBefore);
+        EXPECT_TRUE(waitUntil([&] { return threadCount() <= threadsBefore; }));
+        EXPECT_TRUE(waitUntil([&] { return openFds() == fdsBefore; }));
     }
 }
 

@@ -5,12 +5,11 @@
 // when nobody else is reading, so a lone caller is woken directly by the kernel when its
 // answer arrives; answers for other waiters are handed to them.
 //
-// Responder: every idle thread blocks in recvmsg on the same SOCK_SEQPACKET socket and the
-// kernel gives each request to exactly one of them, which runs it inline and answers. When the
-// last idle thread takes a request, another is started, up to the per-connection bound. A
-// handler that waits for an answer (a nested call) stops counting against that bound while it
-// waits, so that the request its answer may depend on still finds a thread; the waiting
-// handlers have a bound of their own, beyond which the wait fails at once.
+// Responder: the channel's place in the process's transport pool (Pool.h). A pool thread that
+// finds a request on the channel reads it, runs it inline and answers. A handler that waits for an
+// answer (a nested call) leaves room in the pool while it waits, so that the request its answer
+// may depend on still finds a thread; the waiting handlers of one channel have a bound of their
+// own, beyond which the wait fails at once.
 #pragma once
 
 #include <chrono>
@@ -22,7 +21,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Frame.h"
@@ -88,50 +86,53 @@ private:
 class Responder {
 public:
     using Handle = std::function<void(Frame&)>;
-    // Called once, from a pool thread, when the channel closes or a peer sent a malformed frame
-    // (`error` is empty for a plain close).
+    // Called once, when the channel closes or a peer sent a malformed frame (`error` is empty for
+    // a plain close): from a pool thread, or from join() when the channel had not ended yet.
     using OnEnd = std::function<void(const std::string& error)>;
 
-    // `onFinished`, if given, runs on the last pool thread once it is done with the responder, so
-    // that an owner can join the threads without waiting for a thread that is still needed.
+    // `onFinished`, if given, runs on the last pool thread to leave the ended responder, so that
+    // an owner can join it without waiting for a thread that is still needed.
     Responder(int fd, Handle handle, OnEnd onEnd, std::function<void()> onFinished = {});
     ~Responder();
 
-    // Starts the first thread; `keepAlive` is held by every pool thread until it exits.
-    // `first`, if given, runs on that thread before it starts reading requests; returning false
-    // ends the responder.
+    // Puts the channel into the pool; `keepAlive` is held until the responder ends. `first`, if
+    // given, runs on the pool thread that finds the channel readable first, before any request
+    // is read; returning false ends the responder. Throws std::system_error when the pool cannot
+    // take the channel.
     void start(std::shared_ptr<void> keepAlive, std::function<bool()> first = {});
-    // Joins every pool thread except the calling one, which is detached. A caller that is not
-    // a pool thread returns only once every other joiner has finished too.
+    // Takes the channel out of the pool and returns once no pool thread is inside it, except
+    // the calling one and others inside join() themselves; ends it if it had not ended.
     void join();
-    // True once every pool thread has returned.
+    // True once the responder has ended and no pool thread is inside it.
     bool finished();
 
-    // Called around a wait for an answer. When the calling thread runs a handler of some
-    // responder, that responder no longer counts the thread as busy until waitEnded(); false
-    // when too many of its handlers wait already (the thread must not wait then).
+    // Called around a wait for an answer. A pool thread that waits does not count against the
+    // pool's bound until waitEnded(); false when too many handlers of the channel whose handler
+    // the thread runs wait already (the thread must not wait then).
     static bool waitBegins();
     static void waitEnded();
 
 private:
-    void loop(std::shared_ptr<void> keepAlive, std::function<bool()> first);
-    // Starts a thread when none is left to read and the bound allows one.
-    void growLocked(const std::shared_ptr<void>& keepAlive);
+    friend class Pool;
+
+    // Runs on the pool thread that found the channel readable: reads one record and handles it.
+    void serve();
     void end(const std::string& error);
 
     const int fd_;
     const Handle handle_;
     const OnEnd onEnd_;
     const std::function<void()> onFinished_;
-    std::mutex mutex_;  // guards: threads_, poolIds_, idle_, running_, waiting_, joining_, ended_
-    std::condition_variable joined_;
-    std::vector<std::thread> threads_;  // not yet joined
-    std::vector<std::thread::id> poolIds_;
-    size_t idle_ = 0;
-    size_t running_ = 0;
-    size_t waiting_ = 0;  // handlers waiting for an answer
-    size_t joining_ = 0;  // join() calls that are joining threads now
+    std::function<bool()> first_;  // run by the first serve(); the channel's arming orders them
+    // guarded by the pool's mutex:
+    uint64_t id_ = 0;  // its registration in the pool; 0 when out of it
+    std::shared_ptr<void> keepAlive_;
+    size_t active_ = 0;     // pool threads inside serve()
+    size_t joiners_ = 0;    // pool threads of this responder inside join()
+    size_t finishing_ = 0;  // pool threads running onFinished
+    size_t waiting_ = 0;    // handlers waiting for an answer
     bool ended_ = false;
+    bool finishReported_ = false;
 };
 
 // Where transport failures that no caller can receive are reported.

@@ -14,9 +14,11 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <thread>
 
 #include "Channel.h"
 #include "Messages.h"
+#include "Pool.h"
 #include "TestHooks.h"
 #include "parlex/binder.h"
 
@@ -183,13 +185,13 @@ public:
         return route;
     }
 
-    // A proxy bound "death": one still owed it may take it now.
+    // A proxy bound "death": one still owed it may take it now, on a pool thread.
     void deathBound() {
         {
             std::lock_guard<std::mutex> lock(routesMutex_);
-            deathRetry_ = true;
+            if (!deathStarted_ || stopping_ || owedDeath_.empty()) return;
         }
-        deathChanged_.notify_all();
+        Pool::instance().post([self = shared_from_this()] { self->deliverDeath(); });
     }
 
     void removeRoute(const std::string& objectId, const std::shared_ptr<ProxyRoute>& route) {
@@ -208,10 +210,12 @@ public:
         caller_.fail(Failure::Stopped);
         shutdownSockets();
         {
-            std::lock_guard<std::mutex> lock(routesMutex_);
+            // A delivery of "death" under way on another thread finishes before stop() returns.
+            std::unique_lock<std::mutex> lock(routesMutex_);
             stopping_ = true;
+            const auto self = std::this_thread::get_id();
+            deathDelivered_.wait(lock, [&] { return !delivering_ || deliverer_ == self; });
         }
-        deathChanged_.notify_all();
         responder_.join();
     }
 
@@ -327,20 +331,29 @@ private:
             logLine("parlex: service sent a malformed frame (" + error + "); disconnecting");
         }
         markDead();
-        if (state_ == Failure::Dead) deliverDeath();
+        if (state_ != Failure::Dead) return;
+        {
+            std::lock_guard<std::mutex> lock(routesMutex_);
+            deathStarted_ = true;
+            for (auto& entry : routes_) owedDeath_.push_back(entry.second);
+        }
+        deliverDeath();
     }
 
-    // Runs on a pool thread, never on a thread waiting for a reply, once per connection. A proxy
-    // still being constructed has no "death" handler yet, so the thread stays until the client
-    // stops and delivers to such proxies when they bind one.
+    // Gives "death" to the proxies owed it that take it now; runs on a pool thread, never on a
+    // thread waiting for a reply. A proxy still being constructed has no "death" handler yet and
+    // stays owed until it binds one. One delivery at a time: a call that finds one under way
+    // leaves the owed proxies to it.
     void deliverDeath() {
         std::unique_lock<std::mutex> lock(routesMutex_);
-        deathStarted_ = true;
-        for (auto& entry : routes_) owedDeath_.push_back(entry.second);
-        while (!stopping_) {
+        deathRetry_ = true;
+        if (delivering_) return;
+        delivering_ = true;
+        deliverer_ = std::this_thread::get_id();
+        while (deathRetry_ && !stopping_) {
+            deathRetry_ = false;
             std::vector<std::shared_ptr<ProxyRoute>> owed;
             owed.swap(owedDeath_);
-            deathRetry_ = false;
             lock.unlock();
             for (auto& route : owed) {
                 if (route->offerDeath()) route.reset();
@@ -349,8 +362,9 @@ private:
             for (auto& route : owed) {
                 if (route) owedDeath_.push_back(std::move(route));
             }
-            deathChanged_.wait(lock, [&] { return stopping_ || deathRetry_; });
         }
+        delivering_ = false;
+        deathDelivered_.notify_all();
     }
 
     void handle(Frame& frame) {
@@ -378,13 +392,15 @@ private:
     Responder responder_;
     std::atomic<Failure> state_{Failure::None};
     std::atomic<bool> stopped_{false};
-    // guards: routes_, owedDeath_, deathStarted_, deathRetry_, stopping_
+    // guards: routes_, owedDeath_, deathStarted_, deathRetry_, delivering_, deliverer_, stopping_
     std::mutex routesMutex_;
-    std::condition_variable deathChanged_;
+    std::condition_variable deathDelivered_;
     std::map<std::string, std::shared_ptr<ProxyRoute>> routes_;
     std::vector<std::shared_ptr<ProxyRoute>> owedDeath_;  // not yet given their "death"
     bool deathStarted_ = false;
-    bool deathRetry_ = false;
+    bool deathRetry_ = false;  // more proxies may take their "death": look again
+    bool delivering_ = false;
+    std::thread::id deliverer_;
     bool stopping_ = false;
 };
 

@@ -87,7 +87,7 @@ public:
     ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests,
                      const PeerCredentials& peer);
 
-    // Throws std::system_error when no thread can be started for it.
+    // Throws std::system_error when the transport pool cannot take it.
     void start() {
         auto self = shared_from_this();
         responder_.start(self, [this] { return handshake(); });
@@ -125,23 +125,12 @@ public:
     const PeerCredentials& peer() const { return peer_; }
 
     Stage stage = Stage::Pending;  // guarded by the ServerState's mutex
+    // When the greeting is due.
+    const std::chrono::steady_clock::time_point greetingDue;
 
 private:
     static std::future<AndroidParcel> deadFuture() {
         return failedFuture(std::make_exception_ptr(dead_object()));
-    }
-
-    // True when the greeting, or the end of the connection, arrived before the deadline.
-    bool greetedInTime() {
-        const auto deadline = std::chrono::steady_clock::now() + limits_.greetingDeadline;
-        pollfd greeting{requests_.get(), POLLIN, 0};
-        while (true) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            const int ready =
-                ::poll(&greeting, 1, static_cast<int>(std::max<long>(0, left.count())));
-            if (ready >= 0 || errno != EINTR) return ready > 0;
-        }
     }
 
     // The first frame of a connection must be the greeting that brings the event channel.
@@ -373,7 +362,9 @@ private:
                 if (stopping_) return;
             }
             fds[0].fd = resting ? -1 : listener_.get();
-            if (::poll(fds, 2, resting ? kRestMs : -1) < 0) {
+            int timeout = greetingsDue();
+            if (resting && (timeout < 0 || timeout > kRestMs)) timeout = kRestMs;
+            if (::poll(fds, 2, timeout) < 0) {
                 const int error = errno;
                 if (error == EINTR) continue;
                 // Only a broken process gets here; keep trying rather than stop accepting.
@@ -393,6 +384,37 @@ private:
             }
             if (fds[0].revents & POLLIN) resting = !accept();
         }
+    }
+
+    // Disconnects the connections whose greeting is overdue; returns the milliseconds until the
+    // next one is due, or -1 when none waits.
+    int greetingsDue() {
+        const auto now = std::chrono::steady_clock::now();
+        std::vector<std::shared_ptr<ServerConnection>> overdue;
+        auto next = std::chrono::steady_clock::time_point::max();
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            for (auto& connection : connections_) {
+                if (connection->stage != ServerConnection::Stage::Pending) continue;
+                if (connection->greetingDue > now) {
+                    next = std::min(next, connection->greetingDue);
+                    continue;
+                }
+                // Counted out now: a greeting that comes after all is refused as closing.
+                pending_.remove(connection->peer().pid);
+                connection->stage = ServerConnection::Stage::Gone;
+                overdue.push_back(connection);
+            }
+        }
+        for (auto& connection : overdue) {
+            logLine("parlex: client sent no greeting within " +
+                    std::to_string(limits_.greetingDeadline.count()) + " ms; disconnecting");
+            connection->close();
+        }
+        if (next == std::chrono::steady_clock::time_point::max()) return -1;
+        // Rounded up, so that the deadline has passed when poll returns.
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - now);
+        return static_cast<int>(std::min<long long>(left.count() + 1, 60 * 1000));
     }
 
     // The refusal of a new connection from `peer` by the allow-list or the caps on pending
@@ -526,7 +548,8 @@ private:
 
 ServerConnection::ServerConnection(AndroidServer& server, ServerState& state, UniqueFd requests,
                                    const PeerCredentials& peer)
-    : server_(server),
+    : greetingDue(std::chrono::steady_clock::now() + state.limits().greetingDeadline),
+      server_(server),
       state_(state),
       limits_(state.limits()),
       peer_(peer),
@@ -536,11 +559,6 @@ ServerConnection::ServerConnection(AndroidServer& server, ServerState& state, Un
           [this](const std::string& error) { onEnd(error); }, [this] { state_.wake(); }) {}
 
 bool ServerConnection::handshake() {
-    if (!greetedInTime()) {
-        logLine("parlex: client sent no greeting within " +
-                std::to_string(limits_.greetingDeadline.count()) + " ms; disconnecting");
-        return false;
-    }
     Frame hello;
     std::string error;
     RecvStatus status = recvFrame(requests_.get(), hello, error);

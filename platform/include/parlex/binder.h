@@ -61,9 +61,13 @@ class ProxyRoute;
 // Largest message, arguments, blobs and descriptors' indices included, that either side sends
 // or accepts.
 constexpr size_t kMaxMessageSize = 1024 * 1024;
-// Threads a connection's side may run to handle incoming messages concurrently. A handler that
-// waits for the answer to a call of its own does not count while it waits.
-constexpr size_t kMaxHandlerThreadsPerConnection = 16;
+// Threads of the process's one transport pool, shared by all its connections, that may run at
+// once to handle incoming messages. A handler that waits for the answer to a call of its own does
+// not count while it waits. A whole number from 1 to kMaxTransportThreadsSetting in
+// $PARLEX_MAX_THREADS (read once, at the first connection) replaces it; anything else there is
+// ignored.
+constexpr size_t kDefaultTransportThreads = 16;
+constexpr size_t kMaxTransportThreadsSetting = 1024;
 // Handlers of a connection's side that may wait for answers at once; a handler whose wait would
 // go beyond it gets std::runtime_error instead of waiting.
 constexpr size_t kMaxWaitingHandlersPerConnection = 64;
