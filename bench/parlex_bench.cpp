@@ -13,7 +13,10 @@
 // Every call is timed on its own with the steady clock: the benchmark's time is the mean, and
 // the median and p99 are counters. A table at the end pools all repetitions and compares each
 // case with its raw twin. Thread wake-ups are counted as the context switches of every thread of
-// both processes (from /proc), before and after the timed calls.
+// both processes (from /proc), before and after the timed calls. Allocations are counted the
+// same way on both sides: each process replaces operator new with a counting one
+// (AllocationCounter.cpp), switched on only around the timed calls; the peer's is switched
+// through the raw channel.
 //
 // The whole track path (TrackPath.h) runs beside these cases in the same two processes: a
 // facade's play() to the other process's player and back, and a player's getData pull through

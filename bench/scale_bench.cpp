@@ -512,15 +512,22 @@ Result runService(int trackCount, const Options& options) {
             threads.emplace_back(
                 [&, i] { pullInRealTime(delegate, shares[i], start, end, pullers[i]); });
         }
-        while (Clock::now() < end) {
+        // The player threads end at `end` whatever happens; a failure is thrown once they have.
+        std::string failure;
+        while (Clock::now() < end && failure.empty()) {
             result.serviceThreads = std::max(result.serviceThreads, threadCount(::getpid()));
-            for (auto& client : clients) {
-                client->checkAlive();
-                result.clientThreads = std::max(result.clientThreads, threadCount(client->pid));
+            try {
+                for (auto& client : clients) {
+                    client->checkAlive();
+                    result.clientThreads = std::max(result.clientThreads, threadCount(client->pid));
+                }
+            } catch (const std::exception& e) {
+                failure = e.what();
             }
             std::this_thread::sleep_for(milliseconds(200));
         }
         for (auto& thread : threads) thread.join();
+        if (!failure.empty()) throw std::runtime_error(failure);
     }
     std::vector<double> pullMicros, requestMicros;
     for (const auto& puller : pullers) {
@@ -730,8 +737,13 @@ int main(int argc, char** argv) {
         }
         std::error_code ignored;
         std::filesystem::remove_all(base, ignored);
-        printTable(results, options);
-        return failed == 0 ? 0 : 1;
+        if (!results.empty()) printTable(results, options);
+        if (failed != 0) {
+            std::fprintf(stderr, "scale_bench: FAILED at %d tracks; no figures for it\n",
+                         options.trackCounts[results.size()]);
+            return 1;
+        }
+        return 0;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "scale_bench: %s\n", e.what());
         return 1;

@@ -5,7 +5,9 @@
 // The binary starts a copy of itself as the server ("grpc_bench serve <socket> <cpu>"). Every
 // request and reply carries one bytes field of the size the library's parcel has for the same
 // message. The cases run in interleaved rounds, so that a burst of load on the machine falls on
-// all of them alike. --pin=none|same|split places the two processes as parlex_bench does.
+// all of them alike. --pin=none|same|split places the two processes as parlex_bench does;
+// --parlex-medians=FILE ("case median" lines from parlex_bench's run) adds the ratio of each
+// gRPC median to the library's.
 #include <grpcpp/grpcpp.h>
 #include <sched.h>
 #include <signal.h>
@@ -20,7 +22,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -135,7 +139,20 @@ void call(Peer::Stub& stub, const Case& c, const Payload& request) {
     }
 }
 
-int measure(const std::string& pin) {
+// "name median" lines, as scripts/bench.sh takes them from parlex_bench's pooled table.
+std::map<std::string, double> readMedians(const std::string& path) {
+    std::map<std::string, double> medians;
+    if (path.empty()) return medians;
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error("cannot read " + path);
+    std::string name;
+    double median;
+    while (in >> name >> median) medians[name] = median;
+    return medians;
+}
+
+int measure(const std::string& pin, const std::string& parlexMedians) {
+    const std::map<std::string, double> library = readMedians(parlexMedians);
     const auto [self, serverCpu] = placementFor(pin);
     pinTo(self);
     char pattern[] = "/tmp/grpc-bench-XXXXXX";
@@ -193,15 +210,19 @@ int measure(const std::string& pin) {
         "microseconds; bytes = payload bytes of request/reply (the field's framing not "
         "counted).\n",
         pin.c_str(), kRounds * kCallsPerRound);
-    std::printf("%-30s %13s %8s %8s %8s\n", "case", "bytes req/rep", "median", "p99", "mean");
+    std::printf("%-30s %13s %8s %8s %8s %11s %7s\n", "case", "bytes req/rep", "median", "p99",
+                "mean", "parlex med", "ratio");
     for (size_t i = 0; i < std::size(kCases); ++i) {
         double sum = 0;
         for (double us : micros[i]) sum += us;
         char sizes[32];
         std::snprintf(sizes, sizeof sizes, "%zu/%zu", kCases[i].requestBytes, kCases[i].replyBytes);
-        std::printf("grpc/%-25s %13s %8.2f %8.2f %8.2f\n", kCases[i].name, sizes,
-                    percentile(micros[i], 0.5), percentile(micros[i], 0.99),
-                    sum / static_cast<double>(micros[i].size()));
+        const auto it = library.find(kCases[i].name);
+        const double parlex = it == library.end() ? NAN : it->second;
+        const double median = percentile(micros[i], 0.5);
+        std::printf("grpc/%-25s %13s %8.2f %8.2f %8.2f %11.2f %7.2f\n", kCases[i].name, sizes,
+                    median, percentile(micros[i], 0.99),
+                    sum / static_cast<double>(micros[i].size()), parlex, median / parlex);
     }
     return 0;
 }
@@ -213,17 +234,21 @@ int main(int argc, char** argv) {
         if (argc == 4 && std::strcmp(argv[1], "serve") == 0) {
             return serve(argv[2], std::atoi(argv[3]));
         }
-        std::string pin = "none";
+        std::string pin = "none", parlexMedians;
         for (int i = 1; i < argc; ++i) {
             if (std::strncmp(argv[i], "--pin=", 6) == 0) {
                 pin = argv[i] + 6;
+            } else if (std::strncmp(argv[i], "--parlex-medians=", 17) == 0) {
+                parlexMedians = argv[i] + 17;
             } else {
-                std::fprintf(stderr, "grpc_bench: unknown argument '%s'; expected --pin=%s\n",
-                             argv[i], "none|same|split");
+                std::fprintf(stderr,
+                             "grpc_bench: unknown argument '%s'; expected --pin=none|same|split "
+                             "and --parlex-medians=FILE\n",
+                             argv[i]);
                 return 2;
             }
         }
-        return measure(pin);
+        return measure(pin, parlexMedians);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "grpc_bench: %s\n", e.what());
         return 1;
