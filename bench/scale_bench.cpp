@@ -14,6 +14,9 @@
 // application process at the peak, resident memory per idle track on each side, pull and
 // request latency, underruns, and the burst's throughput beside the raw sockets'.
 //
+// Last, the service and 64 tracks run in one process, as an application embedding its own
+// service would, for that process's threads and memory per track.
+//
 // Any failure (a track that cannot be created, an application or the service that dies, a pull
 // that finds no track, a request that fails) ends the run with a non-zero exit instead of
 // figures for fewer tracks.
@@ -39,8 +42,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -80,6 +85,7 @@ struct Options {
     double seconds = 5;
     double burstSeconds = 1;
     int playerThreads = 2;
+    int oneProcessTracks = 64;  // 0: no run with both halves in one process
 };
 
 double percentile(std::vector<double> values, double fraction) {
@@ -224,6 +230,28 @@ void echoRaw(int fd) {
     }
 }
 
+// `count` tracks, each with a PCM source playing through the service.
+std::vector<std::unique_ptr<orv::ZEMAudioTrack>> playingTracks(
+    int count, const std::shared_ptr<orv::EventListenerV3>& listener,
+    const std::shared_ptr<orv::LoggingDelegate>& logger) {
+    std::vector<std::unique_ptr<orv::ZEMAudioTrack>> tracks;
+    for (int i = 0; i < count; ++i) {
+        tracks.emplace_back(createZEMAudioTrack());
+        orv::ZEMAudioTrack& track = *tracks.back();
+        if (!track.init(listener, logger)) throw std::runtime_error("track init failed");
+        orv::ZEMAudioSource source;
+        source.type = orv::kSourceTypePcm;
+        source.format.sampleRate = 48000;
+        source.format.sampleSizeInBits = 16;
+        source.format.channelNum = 2;
+        source.format.isSigned = true;
+        source.format.layout = 1;
+        if (track.setSource(source) < 0) throw std::runtime_error("setSource failed");
+        if (!track.play()) throw std::runtime_error("play failed");
+    }
+    return tracks;
+}
+
 // "ready <RSS KiB with no track> <RSS KiB with every track playing>", then on "go" the requests
 // start, on "stop" they stop and "requests <failures> <latencies...>" comes back, on "raw" the
 // raw burst is echoed, on "exit" the tracks end and the process exits.
@@ -233,21 +261,8 @@ int runClient(int trackCount) {
         const long before = residentKiB(::getpid());
         auto listener = std::make_shared<ClientListener>();
         auto logger = std::make_shared<trackpath::QuietLog>();
-        std::vector<std::unique_ptr<orv::ZEMAudioTrack>> tracks;
-        for (int i = 0; i < trackCount; ++i) {
-            tracks.emplace_back(createZEMAudioTrack());
-            orv::ZEMAudioTrack& track = *tracks.back();
-            if (!track.init(listener, logger)) throw std::runtime_error("track init failed");
-            orv::ZEMAudioSource source;
-            source.type = orv::kSourceTypePcm;
-            source.format.sampleRate = 48000;
-            source.format.sampleSizeInBits = 16;
-            source.format.channelNum = 2;
-            source.format.isSigned = true;
-            source.format.layout = 1;
-            if (track.setSource(source) < 0) throw std::runtime_error("setSource failed");
-            if (!track.play()) throw std::runtime_error("play failed");
-        }
+        std::vector<std::unique_ptr<orv::ZEMAudioTrack>> tracks =
+            playingTracks(trackCount, listener, logger);
         control.send("ready " + std::to_string(before) + " " +
                      std::to_string(residentKiB(::getpid())));
         RequestLoop requests(tracks);
@@ -603,9 +618,33 @@ Result runService(int trackCount, const Options& options) {
 
 // ---- The coordinator ----
 
-// Runs one track count in a service process of its own, so that each starts with a fresh heap
-// and each figure of memory is its own; returns what it measured.
-Result runTrackCount(int trackCount, const Options& options, const std::string& dir) {
+// Both halves in one process, as an application that embeds its own service: the service and
+// `trackCount` tracks playing through it, each pulled once. Only the tracks, the threads and the
+// service's memory per track are filled in.
+Result runOneProcess(int trackCount) {
+    Result result;
+    result.tracks = trackCount;
+    auto player = std::make_shared<ScalePlayer>();
+    auto logger = std::make_shared<trackpath::QuietLog>();
+    orv::ZEMAudioServer service(player, logger);
+    const long before = residentKiB(::getpid());
+    auto listener = std::make_shared<ClientListener>();
+    auto tracks = playingTracks(trackCount, listener, logger);
+    result.serviceKiBPerTrack = static_cast<double>(residentKiB(::getpid()) - before) / trackCount;
+    std::vector<uint8_t> buffer(kPullBytes);
+    for (long long source : player->sources()) {
+        if (player->delegate.load()->getData(buffer.data(), kPullBytes, source) != kPullBytes) {
+            throw std::runtime_error("a pull in one process came short");
+        }
+    }
+    result.serviceThreads = threadCount(::getpid());
+    return result;
+}
+
+// Runs `run` in a service process of its own, so that each track count starts with a fresh
+// heap and each figure of memory is its own; returns what it measured.
+Result runForked(const std::string& what, const std::string& dir,
+                 const std::function<Result()>& run) {
     std::filesystem::create_directories(dir);
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw std::runtime_error(errnoText("pipe"));
@@ -618,10 +657,10 @@ Result runTrackCount(int trackCount, const Options& options, const std::string& 
         int status = 0;
         try {
             ::setenv("PARLEX_RUNTIME_DIR", dir.c_str(), 1);
-            Result result = runService(trackCount, options);
+            Result result = run();
             if (::write(pipeFds[1], &result, sizeof result) != sizeof result) status = 1;
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "scale_bench service, %d tracks: %s\n", trackCount, e.what());
+            std::fprintf(stderr, "scale_bench service, %s: %s\n", what.c_str(), e.what());
             status = 1;
         }
         std::fflush(nullptr);
@@ -637,8 +676,8 @@ Result runTrackCount(int trackCount, const Options& options, const std::string& 
     int status = 0;
     ::waitpid(pid, &status, 0);
     if (n != sizeof result || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        throw std::runtime_error("the service process for " + std::to_string(trackCount) +
-                                 " tracks failed (wait status " + std::to_string(status) + ")");
+        throw std::runtime_error("the service process for " + what + " failed (wait status " +
+                                 std::to_string(status) + ")");
     }
     return result;
 }
@@ -686,6 +725,8 @@ Options parseOptions(int argc, char** argv) {
             options.burstSeconds = std::atof(v);
         } else if (const char* v = value("--player-threads=")) {
             options.playerThreads = std::atoi(v);
+        } else if (const char* v = value("--one-process-tracks=")) {
+            options.oneProcessTracks = std::atoi(v);
         } else if (const char* v = value("--tracks=")) {
             options.trackCounts.clear();
             std::istringstream list(v);
@@ -696,14 +737,14 @@ Options parseOptions(int argc, char** argv) {
             throw std::runtime_error(
                 "unknown argument '" + arg +
                 "'; expected --tracks=1,8,64,512 --seconds=5 --burst-seconds=1 "
-                "--player-threads=2");
+                "--player-threads=2 --one-process-tracks=64");
         }
     }
     const bool countsValid = !options.trackCounts.empty() &&
                              std::all_of(options.trackCounts.begin(), options.trackCounts.end(),
                                          [](int n) { return n > 0 && n <= 4096; });
     if (!countsValid || options.seconds <= 0 || options.burstSeconds <= 0 ||
-        options.playerThreads < 1) {
+        options.playerThreads < 1 || options.oneProcessTracks < 0) {
         throw std::runtime_error("track counts must be 1-4096, times and threads positive");
     }
     return options;
@@ -722,25 +763,39 @@ int main(int argc, char** argv) {
         if (::mkdtemp(pattern) == nullptr) throw std::runtime_error(errnoText("mkdtemp"));
         const std::string base = pattern;
         std::vector<Result> results;
-        int failed = 0;
+        std::string failure;
         for (int tracks : options.trackCounts) {
             std::printf("%d tracks...\n", tracks);
             std::fflush(stdout);
             try {
-                results.push_back(
-                    runTrackCount(tracks, options, base + "/" + std::to_string(tracks)));
+                results.push_back(runForked(std::to_string(tracks) + " tracks",
+                                            base + "/" + std::to_string(tracks),
+                                            [&] { return runService(tracks, options); }));
             } catch (const std::exception& e) {
-                std::fprintf(stderr, "scale_bench: %s\n", e.what());
-                ++failed;
+                failure = e.what();
                 break;
+            }
+        }
+        std::optional<Result> oneProcess;
+        if (failure.empty() && options.oneProcessTracks > 0) {
+            try {
+                oneProcess = runForked("one process", base + "/one-process",
+                                       [&] { return runOneProcess(options.oneProcessTracks); });
+            } catch (const std::exception& e) {
+                failure = e.what();
             }
         }
         std::error_code ignored;
         std::filesystem::remove_all(base, ignored);
         if (!results.empty()) printTable(results, options);
-        if (failed != 0) {
-            std::fprintf(stderr, "scale_bench: FAILED at %d tracks; no figures for it\n",
-                         options.trackCounts[results.size()]);
+        if (oneProcess) {
+            std::printf(
+                "\nBoth halves in one process, %d tracks playing: %d threads, %.1f KiB per "
+                "track.\n",
+                oneProcess->tracks, oneProcess->serviceThreads, oneProcess->serviceKiBPerTrack);
+        }
+        if (!failure.empty()) {
+            std::fprintf(stderr, "scale_bench: FAILED: %s\n", failure.c_str());
             return 1;
         }
         return 0;
