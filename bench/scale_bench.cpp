@@ -10,8 +10,8 @@
 // every track is pulled as fast as the player threads can for a while (the burst), and the same
 // 12288-byte answers go raw over socketpairs between the same processes for as long.
 //
-// A table at the end gives, by track count: the threads of the service and of the busiest
-// application process at the peak, resident memory per idle track on each side, pull and
+// A table at the end gives, by track count: the threads of the service and of each application
+// process at the peak, resident memory per idle track on each side, pull and
 // request latency, underruns, and the burst's throughput beside the raw sockets'.
 //
 // Last, the service and 64 tracks run in one process, as an application embedding its own
@@ -401,7 +401,8 @@ private:
 // What one track count's run measured; written whole through a pipe to the coordinator.
 struct Result {
     int tracks = 0;
-    int serviceThreads = 0, clientThreads = 0;  // at the peak; the busiest application
+    int serviceThreads = 0;            // at the peak
+    int clientThreads[kClients] = {};  // each application's, at its peak
     double serviceKiBPerTrack = 0, clientKiBPerTrack = 0;
     double pullP50 = 0, pullP99 = 0, pullP999 = 0;
     long pulls = 0, underruns = 0;
@@ -532,9 +533,10 @@ Result runService(int trackCount, const Options& options) {
         while (Clock::now() < end && failure.empty()) {
             result.serviceThreads = std::max(result.serviceThreads, threadCount(::getpid()));
             try {
-                for (auto& client : clients) {
-                    client->checkAlive();
-                    result.clientThreads = std::max(result.clientThreads, threadCount(client->pid));
+                for (size_t i = 0; i < clients.size(); ++i) {
+                    clients[i]->checkAlive();
+                    result.clientThreads[i] =
+                        std::max(result.clientThreads[i], threadCount(clients[i]->pid));
                 }
             } catch (const std::exception& e) {
                 failure = e.what();
@@ -704,13 +706,17 @@ void printTable(const std::vector<Result>& results, const Options& options) {
         "none, over the tracks.\nTimes in microseconds; underrun = a pull that returned short "
         "or ended after its next 64 ms slot.\n",
         kClients, options.playerThreads, options.seconds, options.burstSeconds);
-    std::printf("%6s %8s %8s %9s %9s %8s %8s %8s %7s %6s %8s %8s %7s %9s %9s\n", "tracks",
-                "svc thr", "app thr", "svc KiB/t", "app KiB/t", "pull p50", "pull p99", "p99.9",
-                "pulls", "under", "req p50", "req p99", "reqs", "burst MB/s", "raw MB/s");
+    std::printf("%6s %8s %15s %9s %9s %8s %8s %8s %7s %6s %8s %8s %7s %9s %9s\n", "tracks",
+                "svc thr", "app thr (each)", "svc KiB/t", "app KiB/t", "pull p50", "pull p99",
+                "p99.9", "pulls", "under", "req p50", "req p99", "reqs", "burst MB/s", "raw MB/s");
     for (const Result& r : results) {
+        std::string each;
+        for (int threads : r.clientThreads) {
+            each += (each.empty() ? "" : "/") + std::to_string(threads);
+        }
         std::printf(
-            "%6d %8d %8d %9.1f %9.1f %8.1f %8.1f %8.1f %7ld %6ld %8.1f %8.1f %7ld %9.1f %9.1f\n",
-            r.tracks, r.serviceThreads, r.clientThreads, r.serviceKiBPerTrack, r.clientKiBPerTrack,
+            "%6d %8d %15s %9.1f %9.1f %8.1f %8.1f %8.1f %7ld %6ld %8.1f %8.1f %7ld %9.1f %9.1f\n",
+            r.tracks, r.serviceThreads, each.c_str(), r.serviceKiBPerTrack, r.clientKiBPerTrack,
             r.pullP50, r.pullP99, r.pullP999, r.pulls, r.underruns, r.requestP50, r.requestP99,
             r.requests, r.burstMBps, r.rawMBps);
     }
