@@ -78,6 +78,15 @@ constexpr int kControlFd = 3;
 constexpr int kRawFd = 4;
 const char* const kClientArgument = "client";
 
+// Every application process holds up to a quarter of the tracks, one connection each: 128 at
+// 512 tracks, the default cap of connections per peer process, so the service grants more.
+const parlex::ServerLimits kLimits = [] {
+    parlex::ServerLimits limits;
+    limits.maxConnectionsPerProcess = 1024;
+    limits.maxConnections = 4096;
+    return limits;
+}();
+
 std::string errnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 struct Options {
@@ -483,12 +492,7 @@ Result runService(int trackCount, const Options& options) {
     Result result;
     result.tracks = trackCount;
     auto player = std::make_shared<ScalePlayer>();
-    // Every application process holds up to a quarter of the tracks, one connection each: more
-    // than the default cap of connections per peer process allows at 512 tracks.
-    parlex::ServerLimits limits;
-    limits.maxConnectionsPerProcess = 1024;
-    limits.maxConnections = 4096;
-    orv::ZEMAudioServer service(player, std::make_shared<trackpath::QuietLog>(), limits);
+    orv::ZEMAudioServer service(player, std::make_shared<trackpath::QuietLog>(), kLimits);
     orv::MediaClientDelegate& delegate = *player->delegate;
     const long serviceBefore = residentKiB(::getpid());
 
@@ -498,10 +502,11 @@ Result runService(int trackCount, const Options& options) {
                                                           (i < trackCount % kClients ? 1 : 0)));
     }
     for (auto& client : clients) {
-        std::istringstream ready(client->channel->receive(kSetupTimeout));
+        const std::string line = client->channel->receive(kSetupTimeout);
+        std::istringstream ready(line);
         std::string word;
         ready >> word >> client->rssBeforeKiB >> client->rssAfterKiB;
-        if (word != "ready") throw std::runtime_error("an application failed to set up: " + word);
+        if (word != "ready") throw std::runtime_error("an application failed to set up: " + line);
     }
     const std::vector<long long> sources = player->sources();
     if (static_cast<int>(sources.size()) != trackCount) {
@@ -706,6 +711,11 @@ void printTable(const std::vector<Result>& results, const Options& options) {
         "none, over the tracks.\nTimes in microseconds; underrun = a pull that returned short "
         "or ended after its next 64 ms slot.\n",
         kClients, options.playerThreads, options.seconds, options.burstSeconds);
+    std::printf(
+        "The service grants maxConnectionsPerProcess %zu and maxConnections %zu (defaults %zu "
+        "and %zu).\n",
+        kLimits.maxConnectionsPerProcess, kLimits.maxConnections,
+        parlex::ServerLimits().maxConnectionsPerProcess, parlex::ServerLimits().maxConnections);
     std::printf("%6s %8s %15s %9s %9s %8s %8s %8s %7s %6s %8s %8s %7s %9s %9s\n", "tracks",
                 "svc thr", "app thr (each)", "svc KiB/t", "app KiB/t", "pull p50", "pull p99",
                 "p99.9", "pulls", "under", "req p50", "req p99", "reqs", "burst MB/s", "raw MB/s");
