@@ -13,7 +13,10 @@
 // Every call is timed on its own with the steady clock: the benchmark's time is the mean, and
 // the median and p99 are counters. A table at the end pools all repetitions and compares each
 // case with its raw twin. Thread wake-ups are counted as the context switches of every thread of
-// both processes (from /proc), before and after the timed calls.
+// both processes (from /proc), before and after the timed calls. Allocations are counted the
+// same way on both sides: each process replaces operator new with a counting one
+// (AllocationCounter.cpp), switched on only around the timed calls; the peer's is switched
+// through the raw channel.
 //
 // The whole track path (TrackPath.h) runs beside these cases in the same two processes: a
 // facade's play() to the other process's player and back, and a player's getData pull through
@@ -52,6 +55,7 @@
 #include <thread>
 #include <vector>
 
+#include "AllocationCounter.h"
 #include "TrackPath.h"
 #include "common/RecordCodec.h"
 
@@ -164,7 +168,11 @@ size_t requestBytes(const std::string& objectId, const std::string& method, cons
 // ---- Raw ping-pong ----
 //
 // Every raw request opens with the size of the answer it wants (a uint32), so that the echo side
-// needs no state. No request of the measured cases is shorter than that.
+// needs no state. No request of the measured cases is shorter than that. Two sizes no reply can
+// have are commands instead: they switch the peer's allocation count on and off around the timed
+// calls, and the answer carries the count (a uint64).
+constexpr uint32_t kStartCounting = 0xffffff01;
+constexpr uint32_t kStopCounting = 0xffffff02;
 
 void fillRawRequest(std::vector<uint8_t>& request, uint32_t replyBytes) {
     if (request.size() < sizeof(replyBytes)) {
@@ -185,6 +193,16 @@ void echoUntilClosed(int fd) {
         uint32_t replyBytes;
         if (static_cast<size_t>(n) < sizeof(replyBytes)) throw std::runtime_error("short request");
         std::memcpy(&replyBytes, in.data(), sizeof(replyBytes));
+        if (replyBytes == kStartCounting || replyBytes == kStopCounting) {
+            uint64_t count = 0;
+            if (replyBytes == kStartCounting) {
+                allocations::start();
+            } else {
+                count = allocations::stop();
+            }
+            if (::send(fd, &count, sizeof(count), MSG_NOSIGNAL) < 0) return;
+            continue;
+        }
         if (replyBytes > out.size()) throw std::runtime_error("raw reply too large");
         if (::send(fd, out.data(), replyBytes, MSG_NOSIGNAL) < 0) return;
     }
@@ -201,6 +219,18 @@ size_t rawRoundTrip(int fd, const std::vector<uint8_t>& request, std::vector<uin
     } while (n < 0 && errno == EINTR);
     if (n < 0) throw std::runtime_error(errnoText("raw recv"));
     return static_cast<size_t>(n);
+}
+
+// Switches the peer's allocation count on or off; returns what it counted (0 when switching on).
+uint64_t commandPeerCount(int fd, uint32_t command) {
+    std::vector<uint8_t> request(sizeof(command)), answer(sizeof(uint64_t) + 1);
+    fillRawRequest(request, command);
+    if (rawRoundTrip(fd, request, answer) != sizeof(uint64_t)) {
+        throw std::runtime_error("the peer did not answer its allocation count");
+    }
+    uint64_t count;
+    std::memcpy(&count, answer.data(), sizeof(count));
+    return count;
 }
 
 // ---- Where the two processes run ----
@@ -505,8 +535,9 @@ struct Case {
 };
 
 struct Figures {
-    std::vector<double> micros;  // every timed call of every repetition
-    Switches self, peer;         // over the timed calls
+    std::vector<double> micros;                         // every timed call of every repetition
+    Switches self, peer;                                // over the timed calls
+    uint64_t allocationsSelf = 0, allocationsPeer = 0;  // over the timed calls
 };
 
 double percentile(std::vector<double> values, double fraction) {
@@ -532,13 +563,16 @@ Switches& operator+=(Switches& total, const Switches& more) {
     return total;
 }
 
-// Times `call` once per iteration and adds the samples and switch counts to `figures`.
-void measure(benchmark::State& state, pid_t peer, Figures& figures,
+// Times `call` once per iteration and adds the samples, switch and allocation counts to
+// `figures`. `rawFd` is the channel on which the peer takes its counting commands.
+void measure(benchmark::State& state, pid_t peer, int rawFd, Figures& figures,
              const std::function<void()>& call) {
     for (int i = 0; i < kWarmupCalls; ++i) call();
     std::vector<double> micros;
     micros.reserve(static_cast<size_t>(state.max_iterations));
     Switches selfBefore = threadSwitches(::getpid()), peerBefore = threadSwitches(peer);
+    commandPeerCount(rawFd, kStartCounting);
+    allocations::start();
     for (auto _ : state) {
         Clock::time_point start = Clock::now();
         call();
@@ -546,6 +580,8 @@ void measure(benchmark::State& state, pid_t peer, Figures& figures,
         state.SetIterationTime(elapsed.count());
         micros.push_back(elapsed.count() * 1e6);
     }
+    const uint64_t allocationsSelf = allocations::stop();
+    const uint64_t allocationsPeer = commandPeerCount(rawFd, kStopCounting);
     Switches self = threadSwitches(::getpid()) - selfBefore;
     Switches other = threadSwitches(peer) - peerBefore;
 
@@ -556,10 +592,14 @@ void measure(benchmark::State& state, pid_t peer, Figures& figures,
     state.counters["vcsw_self"] = static_cast<double>(self.voluntary) / calls;
     state.counters["vcsw_peer"] = static_cast<double>(other.voluntary) / calls;
     state.counters["icsw"] = static_cast<double>(self.involuntary + other.involuntary) / calls;
+    state.counters["allocs_self"] = static_cast<double>(allocationsSelf) / calls;
+    state.counters["allocs_peer"] = static_cast<double>(allocationsPeer) / calls;
 
     figures.micros.insert(figures.micros.end(), micros.begin(), micros.end());
     figures.self += self;
     figures.peer += other;
+    figures.allocationsSelf += allocationsSelf;
+    figures.allocationsPeer += allocationsPeer;
 }
 
 // The receivers of the local cases: the same handlers as the peer's, in this process.
@@ -728,6 +768,16 @@ std::string switchesPerCall(const Figures& figures) {
     return text;
 }
 
+// Allocations per call in this process and in the peer: "self/peer".
+std::string allocationsPerCall(const Figures& figures) {
+    double calls = static_cast<double>(figures.micros.size());
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f/%.1f",
+                  static_cast<double>(figures.allocationsSelf) / calls,
+                  static_cast<double>(figures.allocationsPeer) / calls);
+    return text;
+}
+
 const Figures* findFigures(const std::map<std::string, Figures>& figures, const std::string& name) {
     auto it = figures.find(name);
     return it == figures.end() || it->second.micros.empty() ? nullptr : &it->second;
@@ -737,10 +787,11 @@ void printSummary(const std::vector<Case>& cases, const std::map<std::string, Fi
     auto find = [&figures](const std::string& name) { return findFigures(figures, name); };
     std::printf(
         "\nAll repetitions pooled. Times in microseconds; ratio = rpc median / raw median; cs = "
-        "context switches per call in both processes, voluntary/involuntary.\n");
-    std::printf("%-26s %11s %7s %7s %7s %8s %8s %6s %9s %10s %10s\n", "case", "bytes req/rep",
+        "context switches per call in both processes, voluntary/involuntary; allocs = operator new "
+        "calls per call in this process/the peer.\n");
+    std::printf("%-26s %11s %7s %7s %7s %8s %8s %6s %9s %10s %10s %11s\n", "case", "bytes req/rep",
                 "median", "p99", "mean", "raw med", "raw p99", "ratio", "local med", "rpc cs",
-                "raw cs");
+                "raw cs", "rpc allocs");
     for (const Case& c : cases) {
         const Figures* rpc = find("rpc/" + c.name);
         if (rpc == nullptr) continue;
@@ -750,11 +801,11 @@ void printSummary(const std::vector<Case>& cases, const std::map<std::string, Fi
         std::snprintf(sizes, sizeof sizes, "%zu/%zu", c.requestBytes, c.replyBytes);
         double median = percentile(rpc->micros, 0.5);
         double rawMedian = raw ? percentile(raw->micros, 0.5) : NAN;
-        std::printf("%-26s %11s %7.2f %7.2f %7.2f %8.2f %8.2f %6.2f %9.2f %10s %10s\n",
+        std::printf("%-26s %11s %7.2f %7.2f %7.2f %8.2f %8.2f %6.2f %9.2f %10s %10s %11s\n",
                     c.name.c_str(), sizes, median, percentile(rpc->micros, 0.99), mean(rpc->micros),
                     rawMedian, raw ? percentile(raw->micros, 0.99) : NAN, median / rawMedian,
                     local ? percentile(local->micros, 0.5) : NAN, switchesPerCall(*rpc).c_str(),
-                    raw ? switchesPerCall(*raw).c_str() : "-");
+                    raw ? switchesPerCall(*raw).c_str() : "-", allocationsPerCall(*rpc).c_str());
     }
 }
 
@@ -762,18 +813,21 @@ void printTrackSummary(const std::vector<TrackCase>& cases,
                        const std::map<std::string, Figures>& figures) {
     std::printf(
         "\nWhole track path, all repetitions pooled. Times in microseconds; ratio = median / "
-        "median of the raw case with the same message sizes.\n");
-    std::printf("%-18s %7s %7s %7s %-24s %8s %6s %10s\n", "case", "median", "p99", "mean",
-                "raw case", "raw med", "ratio", "cs");
+        "median of the raw case with the same message sizes; allocs = operator new calls per call "
+        "in "
+        "this process/the peer.\n");
+    std::printf("%-18s %7s %7s %7s %-24s %8s %6s %10s %11s\n", "case", "median", "p99", "mean",
+                "raw case", "raw med", "ratio", "cs", "allocs");
     for (const TrackCase& c : cases) {
         const Figures* path = findFigures(figures, c.name);
         const Figures* raw = findFigures(figures, c.rawTwin);
         if (path == nullptr) continue;
         const double median = percentile(path->micros, 0.5);
         const double rawMedian = raw ? percentile(raw->micros, 0.5) : NAN;
-        std::printf("%-18s %7.2f %7.2f %7.2f %-24s %8.2f %6.2f %10s\n", c.name.c_str(), median,
+        std::printf("%-18s %7.2f %7.2f %7.2f %-24s %8.2f %6.2f %10s %11s\n", c.name.c_str(), median,
                     percentile(path->micros, 0.99), mean(path->micros), c.rawTwin.c_str(),
-                    rawMedian, median / rawMedian, switchesPerCall(*path).c_str());
+                    rawMedian, median / rawMedian, switchesPerCall(*path).c_str(),
+                    allocationsPerCall(*path).c_str());
     }
 }
 
@@ -791,11 +845,13 @@ int runBenchmarks(const Placement& placement) {
     // Filled while RunSpecifiedBenchmarks runs the registered benchmarks, all while `session`
     // lives. std::map keeps each element where it is, so the benchmarks hold plain pointers.
     std::map<std::string, Figures> figures;
-    auto add = [&figures, peer](const std::string& name, std::function<void()> call) {
+    const int rawFd = session.raw();
+    auto add = [&figures, peer, rawFd](const std::string& name, std::function<void()> call) {
         Figures* target = &figures[name];
-        benchmark::RegisterBenchmark(
-            name.c_str(),
-            [peer, target, call](benchmark::State& state) { measure(state, peer, *target, call); })
+        benchmark::RegisterBenchmark(name.c_str(),
+                                     [peer, rawFd, target, call](benchmark::State& state) {
+                                         measure(state, peer, rawFd, *target, call);
+                                     })
             ->UseManualTime()
             ->Iterations(kCalls)
             ->Unit(benchmark::kMicrosecond);

@@ -5,6 +5,8 @@ PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmar
           libsndfile1-dev libsamplerate0-dev libcli11-dev libasound2-dev)
 # What scripts/fuzz.sh adds: clang and its libFuzzer and sanitizer runtimes.
 FUZZ_PACKAGES=(clang libclang-rt-14-dev)
+# What scripts/bench.sh adds as root: gRPC and protobuf with their compilers, for the gRPC peer.
+BENCH_PACKAGES=(libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc)
 
 install_missing_packages() {
     local missing=() package
