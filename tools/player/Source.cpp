@@ -277,6 +277,7 @@ bool Source::waitEnded(Clock::time_point deadline) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!wake_.wait_until(lock, deadline, [this] { return threadEnded_; })) return false;
     lock.unlock();
+    std::lock_guard<std::mutex> join(joinMutex_);
     if (thread_.joinable()) thread_.join();
     return true;
 }

@@ -179,7 +179,7 @@ private:
     bool trackFailed_ = false;
     bool joined_ = false;  // announced as joining the mix
 
-    std::mutex mutex_;  // guards: every field below
+    std::mutex mutex_;  // guards: every field below up to joinMutex_
     std::condition_variable wake_;
     PlayerState state_ = kStateIdle;
     ByteRing ring_;
@@ -211,6 +211,10 @@ private:
     uint64_t pulls_ = 0;
     uint64_t underruns_ = 0;
     ContentHash hash_;
+
+    // The service's shutdown and a release on a transport thread may both wait for one source;
+    // joining a thread twice at once never returns.
+    std::mutex joinMutex_;  // guards: thread_ once it runs
     std::thread thread_;
 };
 
