@@ -44,6 +44,26 @@ Parcel::Parcel() = default;
 
 Parcel::~Parcel() { closeFileDescriptors(); }
 
+Parcel::Parcel(Parcel&& other) noexcept
+    : data_(std::move(other.data_)),
+      pos_(std::exchange(other.pos_, 0)),
+      fds_(std::move(other.fds_)) {
+    other.data_.clear();
+    other.fds_.clear();
+}
+
+Parcel& Parcel::operator=(Parcel&& other) noexcept {
+    if (this != &other) {
+        closeFileDescriptors();
+        data_ = std::move(other.data_);
+        pos_ = std::exchange(other.pos_, 0);
+        fds_ = std::move(other.fds_);
+        other.data_.clear();
+        other.fds_.clear();
+    }
+    return *this;
+}
+
 void Parcel::setDataPosition(size_t pos) const { pos_ = std::min(pos, data_.size()); }
 
 status_t Parcel::setDataSize(size_t size) {

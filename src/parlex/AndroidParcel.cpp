@@ -35,32 +35,25 @@ AndroidBuffer::AndroidBuffer(unsigned int size, const void* data, bool copy) {
     bytes.release();  // now owned by the Impl
 }
 
-AndroidParcel::AndroidParcel() : parcel_(new android::Parcel), owned_(true) {}
+AndroidParcel::AndroidParcel() : parcel_(&inline_) {}
 
 AndroidParcel::AndroidParcel(android::Parcel* parcel, bool owned)
-    : parcel_(parcel), owned_(owned) {}
+    : adopted_(owned ? parcel : nullptr), parcel_(parcel) {}
 
-AndroidParcel::~AndroidParcel() { release(); }
+AndroidParcel::~AndroidParcel() = default;
 
-AndroidParcel::AndroidParcel(AndroidParcel&& other) noexcept
-    : parcel_(std::exchange(other.parcel_, nullptr)),
-      owned_(std::exchange(other.owned_, false)),
-      overrun_(std::exchange(other.overrun_, false)) {}
+AndroidParcel::AndroidParcel(AndroidParcel&& other) noexcept { *this = std::move(other); }
 
 AndroidParcel& AndroidParcel::operator=(AndroidParcel&& other) noexcept {
     if (this != &other) {
-        release();
-        parcel_ = std::exchange(other.parcel_, nullptr);
-        owned_ = std::exchange(other.owned_, false);
+        const bool wasInline = other.parcel_ == &other.inline_;
+        inline_ = std::move(other.inline_);
+        adopted_ = std::move(other.adopted_);
+        parcel_ = wasInline ? &inline_ : other.parcel_;
         overrun_ = std::exchange(other.overrun_, false);
+        other.parcel_ = nullptr;
     }
     return *this;
-}
-
-void AndroidParcel::release() {
-    if (owned_) delete parcel_;
-    parcel_ = nullptr;
-    owned_ = false;
 }
 
 bool AndroidParcel::noteRead(android::status_t status) const {

@@ -62,7 +62,7 @@ private:
 
 class AndroidParcel {
 public:
-    // An empty parcel that owns a new android::Parcel.
+    // An empty parcel of its own, held inline: a message costs no allocation for it.
     AndroidParcel();
     // Wraps `parcel`; the wrapper deletes it only when `owned` is true.
     AndroidParcel(android::Parcel* parcel, bool owned);
@@ -108,10 +108,10 @@ public:
     }
 
 private:
-    void release();
-
-    android::Parcel* parcel_;
-    bool owned_;
+    android::Parcel inline_;                    // the parcel, unless one was handed in
+    std::unique_ptr<android::Parcel> adopted_;  // a parcel handed in with `owned`
+    android::Parcel* parcel_ =
+        nullptr;  // inline_, the adopted or the borrowed one; null once moved
     mutable bool overrun_ = false;
 };
 

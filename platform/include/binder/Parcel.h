@@ -37,6 +37,10 @@ public:
     ~Parcel();
     Parcel(const Parcel&) = delete;
     Parcel& operator=(const Parcel&) = delete;
+    // The data and descriptors go over whole; pointers into the data stay valid. The source is
+    // left empty.
+    Parcel(Parcel&& other) noexcept;
+    Parcel& operator=(Parcel&& other) noexcept;
 
     const uint8_t* data() const { return data_.data(); }
     size_t dataSize() const { return data_.size(); }
