@@ -403,7 +403,9 @@ void ZEMAudioTrackClient::writeBuffer(int size, parlex::AndroidParcel& reply) {
         return;
     }
     // Too large to travel in place: filled aside, then copied into the reply's shared memory.
-    reply << ZEMAudioTrackClient::getBuffer(size);
+    std::unique_ptr<uint8_t[]> bytes(new uint8_t[length]);
+    const int count = fillBuffer(bytes.get(), size);
+    reply << parlex::AndroidBuffer(static_cast<unsigned int>(count), bytes.get(), false);
 }
 
 // ---- Events ----

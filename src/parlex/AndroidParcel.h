@@ -110,8 +110,8 @@ public:
 private:
     android::Parcel inline_;                    // the parcel, unless one was handed in
     std::unique_ptr<android::Parcel> adopted_;  // a parcel handed in with `owned`
-    android::Parcel* parcel_ =
-        nullptr;  // inline_, the adopted or the borrowed one; null once moved
+    // inline_, the adopted or the borrowed parcel; null once moved from.
+    android::Parcel* parcel_ = nullptr;
     mutable bool overrun_ = false;
 };
 
