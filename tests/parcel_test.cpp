@@ -9,7 +9,6 @@
 #include <fstream>
 #include <functional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "support/Process.h"
@@ -66,21 +65,6 @@ TEST(ParcelLayout, PaddingIsZeroAndString8KeepsItsZerosAndNullMarker) {
     }
 }
 
-TEST(ParcelRead, ShortReadsLeaveTargetAndPositionAlone) {
-    Parcel parcel;
-    parcel.setData(reinterpret_cast<const uint8_t*>("\1\2\3\4\5\6"), 6);
-    parcel.readInt32();
-    int64_t wide = 7;
-    EXPECT_EQ(parcel.readInt64(&wide), android::NOT_ENOUGH_DATA);
-    int32_t narrow = 7;  // two bytes remain: not enough for an int32 either
-    EXPECT_EQ(parcel.readInt32(&narrow), android::NOT_ENOUGH_DATA);
-    char raw[3] = {7, 7, 7};
-    EXPECT_NE(parcel.read(raw, 3), android::OK);  // 3 bytes need 4 with their padding
-    EXPECT_EQ(parcel.readFloat(), 0.0f);
-    EXPECT_EQ(std::make_tuple(wide, narrow, raw[0], parcel.dataPosition()),
-              std::make_tuple(int64_t{7}, 7, char{7}, size_t{4}));
-}
-
 TEST(ParcelRead, HostileString8LengthPrefixesAreRejected) {
     const std::vector<std::pair<int32_t, Bytes>> cases = {
         {-1, {}},                                 // the null marker is not a string
@@ -103,18 +87,6 @@ TEST(ParcelRead, HostileString8LengthPrefixesAreRejected) {
         EXPECT_EQ(size, 99u);
         EXPECT_EQ(parcel.dataPosition(), 0u);
     }
-}
-
-TEST(ParcelRead, CStringWithoutTerminatorIsNullAndDoesNotMove) {
-    Parcel parcel;
-    parcel.writeCString("ab");
-    parcel.write("cdef", 4);
-    parcel.setDataPosition(0);
-    const char* first = parcel.readCString();
-    EXPECT_STREQ(first, "ab");
-    EXPECT_EQ(first, reinterpret_cast<const char*>(parcel.data()));
-    EXPECT_EQ(parcel.readCString(), nullptr);
-    EXPECT_EQ(parcel.dataPosition(), 4u);
 }
 
 TEST(ParcelBlob, SharedMemoryAPeerCouldShrinkOrThatIsTooSmallIsRejected) {

@@ -10,7 +10,10 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
+
+#include "common/RecordCodec.h"
 
 namespace parlex {
 namespace {
@@ -112,6 +115,49 @@ TEST(RpcCoreTest, SecondBindingRunsAndItsResultIsTheWholeReplyOrDroppedWithoutRe
     request->setDataPosition(0);
     EXPECT_TRUE(proxy.dispatch("getBuffer", request, nullptr));
     EXPECT_EQ(asked, 12288);
+}
+
+// What reading `args` back from their own image says, then from the image one byte short, then
+// from it with one byte too many.
+template <typename... Args>
+std::vector<std::string> verdicts(const Args&... args) {
+    AndroidParcel sent;
+    (sent << ... << args);
+    Bytes image = bytesOf(*sent.parcel());
+    std::vector<std::string> said;
+    for (size_t size : {image.size(), image.size() - 1, image.size() + 1}) {
+        image.resize(size, 0);
+        AndroidParcel request;
+        request->setData(image.data(), size);
+        std::tuple<Args...> values;
+        try {
+            unpack_exactly(request, values, "track request");
+            AndroidParcel back;
+            std::apply([&](const auto&... value) { (back << ... << value); }, values);
+            said.push_back(bytesOf(*back.parcel()) == image ? "whole" : "changed");
+        } catch (const std::runtime_error& error) {
+            said.push_back(error.what());
+        }
+    }
+    return said;
+}
+
+// A request is read once and checked once: one byte less or one byte more than its arguments is
+// refused, whichever kind of value the last byte belongs to. A value that could not be read is
+// left unread, so a cut usually shows as bytes left over; a text inside a record that lost only
+// its padding is read to the end, and only the reading itself can tell.
+TEST(RpcCoreTest, ArgumentsCutShortByOneByteOrFollowedByOneAreRefused) {
+    const orv::Fingerprint padded("fp", "", "ab");     // the last byte is padding
+    const orv::Fingerprint unpadded("fp", "", "abc");  // the last byte is the terminator
+    const std::string text = "hi";
+    const auto expect = [](const std::string& cut) {
+        return std::vector<std::string>{"whole", "track request: " + cut,
+                                        "track request: 1 bytes after the arguments"};
+    };
+    EXPECT_EQ(verdicts(text, 7, padded), expect("arguments cut short"));
+    EXPECT_EQ(verdicts(text, 7, unpadded), expect("3 bytes after the arguments"));
+    EXPECT_EQ(verdicts(padded, 7, text), expect("7 bytes after the arguments"));
+    EXPECT_EQ(verdicts(padded, text, 7LL), expect("7 bytes after the arguments"));
 }
 
 }  // namespace

@@ -33,6 +33,8 @@ public:
     ZEMAudioSource();
     ZEMAudioSource(const ZEMAudioSource& other);
     ZEMAudioSource& operator=(const ZEMAudioSource& other);
+    ZEMAudioSource(ZEMAudioSource&& other) noexcept;
+    ZEMAudioSource& operator=(ZEMAudioSource&& other) noexcept;
     ~ZEMAudioSource();
 
     // Each replaces one owned string with a private copy of `text` (null clears it).
@@ -56,6 +58,8 @@ public:
     ZEMAudioSourceV2();
     ZEMAudioSourceV2(const ZEMAudioSourceV2& other);
     ZEMAudioSourceV2& operator=(const ZEMAudioSourceV2& other);
+    ZEMAudioSourceV2(ZEMAudioSourceV2&& other) noexcept;
+    ZEMAudioSourceV2& operator=(ZEMAudioSourceV2&& other) noexcept;
     ~ZEMAudioSourceV2();
 
     void setUrl(const char* text);
@@ -79,6 +83,8 @@ public:
     ZEMAudioSourceV3();
     ZEMAudioSourceV3(const ZEMAudioSourceV3& other);
     ZEMAudioSourceV3& operator=(const ZEMAudioSourceV3& other);
+    ZEMAudioSourceV3(ZEMAudioSourceV3&& other) noexcept;
+    ZEMAudioSourceV3& operator=(ZEMAudioSourceV3&& other) noexcept;
     ~ZEMAudioSourceV3();
 
     void setUrl(const char* text);
@@ -109,6 +115,8 @@ public:
     ZEMAudioSourceV4();
     ZEMAudioSourceV4(const ZEMAudioSourceV4& other);
     ZEMAudioSourceV4& operator=(const ZEMAudioSourceV4& other);
+    ZEMAudioSourceV4(ZEMAudioSourceV4&& other) noexcept;
+    ZEMAudioSourceV4& operator=(ZEMAudioSourceV4&& other) noexcept;
     ~ZEMAudioSourceV4();
 
     void setUrl(const char* text);

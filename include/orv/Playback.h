@@ -18,6 +18,8 @@ public:
                        long secondValue);
     PlaybackAttributes(const PlaybackAttributes& other);
     PlaybackAttributes& operator=(const PlaybackAttributes& other);
+    PlaybackAttributes(PlaybackAttributes&& other) noexcept;
+    PlaybackAttributes& operator=(PlaybackAttributes&& other) noexcept;
     ~PlaybackAttributes();
 
     char* firstText = nullptr;
@@ -41,6 +43,8 @@ public:
     explicit PlaybackReports(uint32_t count);
     PlaybackReports(const PlaybackReports& other);
     PlaybackReports& operator=(const PlaybackReports& other);
+    PlaybackReports(PlaybackReports&& other) noexcept;
+    PlaybackReports& operator=(PlaybackReports&& other) noexcept;
     ~PlaybackReports();
 
     // Frees the current reports and holds `newCount` default ones instead.
@@ -65,6 +69,8 @@ public:
     Fingerprint(const char* first, const char* second, const char* third);
     Fingerprint(const Fingerprint& other);
     Fingerprint& operator=(const Fingerprint& other);
+    Fingerprint(Fingerprint&& other) noexcept;
+    Fingerprint& operator=(Fingerprint&& other) noexcept;
     ~Fingerprint();
 
     char* first = nullptr;

@@ -23,6 +23,10 @@ namespace {
 
 constexpr size_t kAlignment = 4;
 
+// The room a parcel takes on its first write: a message's header and a few small arguments fit
+// in it, so that an ordinary message grows its buffer once rather than at every value.
+constexpr size_t kInitialCapacity = 128;
+
 // Lengths travel as int32 and positions are added to them, so anything above INT32_MAX is
 // either a hostile length prefix or a bug; refusing it here also keeps the padding below from
 // wrapping around.
@@ -40,7 +44,40 @@ Parcel::Parcel() = default;
 
 Parcel::~Parcel() { closeFileDescriptors(); }
 
+Parcel::Parcel(Parcel&& other) noexcept
+    : data_(std::move(other.data_)),
+      pos_(std::exchange(other.pos_, 0)),
+      fds_(std::move(other.fds_)) {
+    other.data_.clear();
+    other.fds_.clear();
+}
+
+Parcel& Parcel::operator=(Parcel&& other) noexcept {
+    if (this != &other) {
+        closeFileDescriptors();
+        data_ = std::move(other.data_);
+        pos_ = std::exchange(other.pos_, 0);
+        fds_ = std::move(other.fds_);
+        other.data_.clear();
+        other.fds_.clear();
+    }
+    return *this;
+}
+
 void Parcel::setDataPosition(size_t pos) const { pos_ = std::min(pos, data_.size()); }
+
+status_t Parcel::setDataSize(size_t size) {
+    if (size > INT32_MAX) return BAD_VALUE;
+    data_.resize(size);
+    pos_ = std::min(pos_, size);
+    return OK;
+}
+
+status_t Parcel::setDataCapacity(size_t size) {
+    if (size > INT32_MAX) return BAD_VALUE;
+    data_.reserve(size);
+    return OK;
+}
 
 status_t Parcel::setData(const uint8_t* bytes, size_t length, std::vector<int> fds) {
     const bool badFd = std::any_of(fds.begin(), fds.end(), [](int fd) { return fd < 0; });
@@ -83,7 +120,10 @@ void Parcel::closeFileDescriptors() {
 
 uint8_t* Parcel::grow(size_t paddedLength) {
     if (paddedLength > INT32_MAX - pos_) return nullptr;
-    if (pos_ + paddedLength > data_.size()) data_.resize(pos_ + paddedLength);
+    const size_t end = pos_ + paddedLength;
+    if (end > data_.capacity())
+        data_.reserve(std::max(end, std::max(kInitialCapacity, 2 * data_.capacity())));
+    if (end > data_.size()) data_.resize(end);
     uint8_t* out = data_.data() + pos_;
     pos_ += paddedLength;
     return out;

@@ -104,7 +104,16 @@ void ZEMAudioTrackClient::bindIncoming() {
     using State = MediaPlayerStateV2;
     namespace p = protocol;
     bind(p::kDeath, [this] { Self::onServerDeath(); });
-    bind(p::kGetBuffer, [this](int size) { return Self::getBuffer(size); });
+    // The listener fills the reply where it lies, so the audio is not copied on this side.
+    bindParcels(p::kGetBuffer,
+                [this](const parlex::AndroidParcel& request, parlex::AndroidParcel* reply) {
+                    const int size = request.as<int>();
+                    if (reply != nullptr) {
+                        Self::writeBuffer(size, *reply);
+                    } else {
+                        Self::getBuffer(size);  // the listener is still asked, as for any handler
+                    }
+                });
     bind(p::kCloseAudioSource, [this] { Self::closeAudioSource(); });
     bind(p::kOnFirstByteRead, [this](long long id, State s) { Self::onFirstByteRead(id, s); });
     bind(p::kOnPlaybackStarted, [this](long long id, State s) { Self::onPlaybackStarted(id, s); });
@@ -138,7 +147,7 @@ void ZEMAudioTrackClient::bindIncoming() {
 }
 
 template <typename Read, typename... Args>
-bool ZEMAudioTrackClient::remoteCall(Read&& read, const std::string& method, Args... args) {
+bool ZEMAudioTrackClient::remoteCall(Read&& read, const std::string& method, const Args&... args) {
     std::lock_guard<std::mutex> lock(callMutex_);
     if (serverDead_) {
         log(LOG_ERROR, "remoteCall", "server not running");
@@ -147,7 +156,7 @@ bool ZEMAudioTrackClient::remoteCall(Read&& read, const std::string& method, Arg
     try {
         // A reply that cannot be read, a count beyond its record's capacity for one, fails here
         // like any other failure of the call, so that nothing thrown reaches the application.
-        read(call(method, std::move(args)...));
+        read(call(method, args...));
         return true;
     } catch (const parlex::dead_object&) {
         // Not marked dead here: only the death notification does that, and until it arrives
@@ -162,16 +171,16 @@ bool ZEMAudioTrackClient::remoteCall(Read&& read, const std::string& method, Arg
 }
 
 template <typename... Args>
-int ZEMAudioTrackClient::flagRequest(const char* method, Args... args) {
-    return remoteCall([](const parlex::AndroidParcel&) {}, method, std::move(args)...) ? 1 : 0;
+int ZEMAudioTrackClient::flagRequest(const char* method, const Args&... args) {
+    return remoteCall([](const parlex::AndroidParcel&) {}, method, args...) ? 1 : 0;
 }
 
 // A reply without a number leaves 0.
 template <typename... Args>
-long long ZEMAudioTrackClient::sourceIdRequest(const char* method, Args... args) {
+long long ZEMAudioTrackClient::sourceIdRequest(const char* method, const Args&... args) {
     int64_t sourceId = 0;
     auto read = [&](const parlex::AndroidParcel& reply) { reply->readInt64(&sourceId); };
-    return remoteCall(read, method, std::move(args)...) ? sourceId : -1;
+    return remoteCall(read, method, args...) ? sourceId : -1;
 }
 
 template <typename Record, typename Fallback>
@@ -312,7 +321,7 @@ int ZEMAudioTrackClient::setFocusSessionId(unsigned int focusSessionId) {
 // The key never reaches the log.
 int ZEMAudioTrackClient::newDecryptKey(const std::string& key) {
     log(LOG_TRACE, "newDecryptKey", "%s", "");
-    return flagRequest(protocol::kNewDecryptKey, std::string(key));
+    return flagRequest(protocol::kNewDecryptKey, key);
 }
 
 // ---- Delivery to the listener ----
@@ -351,30 +360,52 @@ void ZEMAudioTrackClient::stateEvent(const char* function, long long sourceId,
 
 // ---- Audio supply ----
 
-parlex::AndroidBuffer ZEMAudioTrackClient::getBuffer(int size) {
+// A reply larger than a message could never be sent, so a size beyond it is refused before
+// anything is allocated: a service asking for 2 GiB costs this process nothing.
+void ZEMAudioTrackClient::checkBufferSize(int size) {
     log(LOG_DATA, "getBuffer", "size=%d", size);
-    // A reply larger than a message could never be sent, so a size beyond it is refused before
-    // anything is allocated: a service asking for 2 GiB costs this process nothing.
     if (size < 0 || static_cast<size_t>(size) > parlex::kMaxMessageSize) {
         log(LOG_ERROR, "getBuffer", "refused a request for %d bytes", size);
         throw std::invalid_argument(size < 0 ? "getBuffer: negative size " + std::to_string(size)
                                              : "getBuffer: size " + std::to_string(size) +
                                                    " above the message limit");
     }
-    // Not cleared: the listener fills it, and only what it reports as written is sent.
-    std::unique_ptr<uint8_t[]> bytes(new uint8_t[static_cast<size_t>(size)]);
+}
+
+// The listener writes into `bytes`, and only what it reports as written is sent. A count
+// outside [0, size] would read past the buffer or fail the copy on this transport thread; it is
+// brought into range instead.
+int ZEMAudioTrackClient::fillBuffer(uint8_t* bytes, int size) {
     int count = 0;
-    auto fill = [&](auto& listener) { count = listener.getBuffer(bytes.get(), size); };
+    auto fill = [&](auto& listener) { count = listener.getBuffer(bytes, size); };
     deliver("getBuffer", fill, fill);
-    // A listener's count outside [0, size] would read past the array or fail the copy on this
-    // transport thread; it is brought into range instead.
     if (count < 0 || count > size) {
         const int used = count < 0 ? 0 : size;
         log(LOG_ERROR, "getBuffer", "listener wrote %d bytes into a buffer of %d; using %d", count,
             size, used);
         count = used;
     }
+    return count;
+}
+
+parlex::AndroidBuffer ZEMAudioTrackClient::getBuffer(int size) {
+    checkBufferSize(size);
+    std::unique_ptr<uint8_t[]> bytes(new uint8_t[static_cast<size_t>(size)]);
+    const int count = fillBuffer(bytes.get(), size);
     return parlex::AndroidBuffer(static_cast<unsigned int>(count), bytes.get(), true);
+}
+
+void ZEMAudioTrackClient::writeBuffer(int size, parlex::AndroidParcel& reply) {
+    checkBufferSize(size);
+    const auto length = static_cast<unsigned int>(size);
+    if (uint8_t* bytes = reply.writeBufferInplace(length)) {
+        reply.finishBufferInplace(length, static_cast<unsigned int>(fillBuffer(bytes, size)));
+        return;
+    }
+    // Too large to travel in place: filled aside, then copied into the reply's shared memory.
+    std::unique_ptr<uint8_t[]> bytes(new uint8_t[length]);
+    const int count = fillBuffer(bytes.get(), size);
+    reply << parlex::AndroidBuffer(static_cast<unsigned int>(count), bytes.get(), false);
 }
 
 // ---- Events ----

@@ -111,10 +111,16 @@ public:
     // Reading the reply is part of the call: false when the server is known dead, the call failed
     // or `read` threw on a malformed reply; the failure has then been logged.
     template <typename Read, typename... Args>
-    bool remoteCall(Read&& read, const std::string& method, Args... args);
+    bool remoteCall(Read&& read, const std::string& method, const Args&... args);
 
 private:
     void bindIncoming();
+    // The audio supply: checkBufferSize refuses (throws) a size no reply could carry;
+    // fillBuffer has the listener fill `bytes` and returns the count it wrote, in range;
+    // writeBuffer writes the listener's audio into `reply` as a buffer.
+    void checkBufferSize(int size);
+    int fillBuffer(uint8_t* bytes, int size);
+    void writeBuffer(int size, parlex::AndroidParcel& reply);
     void onServerDeath();
 
     template <typename Source>
@@ -122,10 +128,10 @@ private:
                               const MediaDescription& description);
     // A request whose client result only says whether the reply arrived.
     template <typename... Args>
-    int flagRequest(const char* method, Args... args);
+    int flagRequest(const char* method, const Args&... args);
     // A request answered with a source id; -1 when it failed.
     template <typename... Args>
-    long long sourceIdRequest(const char* method, Args... args);
+    long long sourceIdRequest(const char* method, const Args&... args);
     // A request answered with a record; the one `fallback` makes when it failed.
     template <typename Record, typename Fallback>
     Record recordRequest(const char* method, Fallback fallback);

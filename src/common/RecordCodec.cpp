@@ -16,8 +16,8 @@ namespace {
 // of -1 each) and two raw 32-bit values.
 constexpr size_t kMinReportBytes = 24;
 
-// Each reader starts from zero (or null) and ignores the read status, so whatever a truncated
-// parcel cannot supply reads as zero.
+// Each reader starts from zero (or null), so whatever a truncated parcel cannot supply reads as
+// zero; the parcel remembers that it ran short (AndroidParcel::overrun).
 int32_t readInt32(const AndroidParcel& parcel) {
     int value = 0;
     parcel >> value;
@@ -48,7 +48,7 @@ float readFloat(const AndroidParcel& parcel) {
     return value;
 }
 
-// The text stays owned by the parcel; the records copy it.
+// The text points into the parcel; the record that keeps it makes the one copy.
 const char* readText(const AndroidParcel& parcel) {
     const char* text = nullptr;
     parcel.read(text);
@@ -63,7 +63,7 @@ int16_t readInt16(const AndroidParcel& parcel) { return static_cast<int16_t>(rea
 void writeRaw32(AndroidParcel& parcel, int32_t value) { parcel->write(&value, sizeof(value)); }
 int32_t readRaw32(const AndroidParcel& parcel) {
     int32_t value = 0;
-    parcel->read(&value, sizeof(value));
+    parcel.noteRead(parcel->read(&value, sizeof(value)));
     return value;
 }
 

@@ -16,11 +16,13 @@
 //  - the capacities DescriptionMap::kCapacity (20), MetadataKeyValuePairs::kCapacity (20) and
 //    PlaybackReportArray::kCapacity (50) are part of the protocol.
 //
-// Readers do not check read status: every number starts from zero and every text from null
-// before it is read, so a truncated parcel yields zeros and nulls. Counts come from the peer and
-// are checked before anything is stored or allocated: above the capacity, or (PlaybackReports)
-// more reports than the bytes left could hold, the reader throws parlex::impl::runtime_error and
-// leaves its target as it was. Writers refuse a count above the capacity the same way.
+// Readers do not stop at a short parcel: every number starts from zero and every text from null
+// before it is read, so a truncated parcel yields zeros and nulls and is marked as overrun
+// (AndroidParcel::overrun), which whoever needs the whole record checks once at the end. Counts
+// come from the peer and are checked before anything is stored or allocated: above the capacity, or
+// (PlaybackReports) more reports than the bytes left could hold, the reader throws
+// parlex::impl::runtime_error and leaves its target as it was. Writers refuse a count above the
+// capacity the same way.
 //
 // The operators live in namespace orv so that argument-dependent lookup finds them from the
 // argument packing templates of the RPC layer.

@@ -30,11 +30,10 @@ void assignSourceStrings(Source& to, const Source& from) {
     assignString(to.playbackContextHeadersJSON, from.playbackContextHeadersJSON);
 }
 
-// Copies every field of a source into another of the same version: the fields all versions
+// Copies the numbers of a source into another of the same version: the fields all versions
 // share, then those each later version adds.
 template <typename Source>
-Source& assignSource(Source& to, const Source& from) {
-    if (&to == &from) return to;
+void assignSourceNumbers(Source& to, const Source& from) {
     to.type = from.type;
     to.format = from.format;
     to.param1 = from.param1;
@@ -53,7 +52,24 @@ Source& assignSource(Source& to, const Source& from) {
         to.param13 = from.param13;
     }
     if constexpr (std::is_same_v<Source, ZEMAudioSourceV4>) to.volumeGain = from.volumeGain;
+}
+
+template <typename Source>
+Source& assignSource(Source& to, const Source& from) {
+    if (&to == &from) return to;
+    assignSourceNumbers(to, from);
     assignSourceStrings(to, from);
+    return to;
+}
+
+// As assignSource, taking the texts of `from`, which is left with none.
+template <typename Source>
+Source& moveSource(Source& to, Source& from) {
+    if (&to == &from) return to;
+    assignSourceNumbers(to, from);
+    takeString(to.url, from.url);
+    takeString(to.clusterId, from.clusterId);
+    takeString(to.playbackContextHeadersJSON, from.playbackContextHeadersJSON);
     return to;
 }
 
@@ -69,15 +85,17 @@ void freeSourceStrings(Source& source) {
 // ---- sources
 
 // The four versions differ only in their numeric fields, which assignSource tells apart.
-#define ORV_DEFINE_SOURCE_MEMBERS(Source)                                                 \
-    Source::Source() = default;                                                           \
-    Source::Source(const Source& other) { *this = other; }                                \
-    Source& Source::operator=(const Source& other) { return assignSource(*this, other); } \
-    Source::~Source() { freeSourceStrings(*this); }                                       \
-    void Source::setUrl(const char* text) { assignString(url, text); }                    \
-    void Source::setClusterId(const char* text) { assignString(clusterId, text); }        \
-    void Source::setPlaybackContextHeadersJSON(const char* text) {                        \
-        assignString(playbackContextHeadersJSON, text);                                   \
+#define ORV_DEFINE_SOURCE_MEMBERS(Source)                                                   \
+    Source::Source() = default;                                                             \
+    Source::Source(const Source& other) { *this = other; }                                  \
+    Source& Source::operator=(const Source& other) { return assignSource(*this, other); }   \
+    Source::Source(Source&& other) noexcept { moveSource(*this, other); }                   \
+    Source& Source::operator=(Source&& other) noexcept { return moveSource(*this, other); } \
+    Source::~Source() { freeSourceStrings(*this); }                                         \
+    void Source::setUrl(const char* text) { assignString(url, text); }                      \
+    void Source::setClusterId(const char* text) { assignString(clusterId, text); }          \
+    void Source::setPlaybackContextHeadersJSON(const char* text) {                          \
+        assignString(playbackContextHeadersJSON, text);                                     \
     }
 
 ORV_DEFINE_SOURCE_MEMBERS(ZEMAudioSource)
@@ -290,6 +308,22 @@ PlaybackAttributes& PlaybackAttributes::operator=(const PlaybackAttributes& othe
     return *this;
 }
 
+PlaybackAttributes::PlaybackAttributes(PlaybackAttributes&& other) noexcept
+    : firstText(std::exchange(other.firstText, nullptr)),
+      secondText(std::exchange(other.secondText, nullptr)),
+      firstValue(other.firstValue),
+      secondValue(other.secondValue) {}
+
+PlaybackAttributes& PlaybackAttributes::operator=(PlaybackAttributes&& other) noexcept {
+    if (this != &other) {
+        takeString(firstText, other.firstText);
+        takeString(secondText, other.secondText);
+        firstValue = other.firstValue;
+        secondValue = other.secondValue;
+    }
+    return *this;
+}
+
 PlaybackAttributes::~PlaybackAttributes() {
     delete[] firstText;
     delete[] secondText;
@@ -311,6 +345,18 @@ PlaybackReports& PlaybackReports::operator=(const PlaybackReports& other) {
         delete[] reports;
         reports = copy;
         count = other.count;
+    }
+    return *this;
+}
+
+PlaybackReports::PlaybackReports(PlaybackReports&& other) noexcept
+    : count(std::exchange(other.count, 0)), reports(std::exchange(other.reports, nullptr)) {}
+
+PlaybackReports& PlaybackReports::operator=(PlaybackReports&& other) noexcept {
+    if (this != &other) {
+        delete[] reports;
+        count = std::exchange(other.count, 0);
+        reports = std::exchange(other.reports, nullptr);
     }
     return *this;
 }
@@ -339,6 +385,20 @@ Fingerprint& Fingerprint::operator=(const Fingerprint& other) {
         assignString(first, other.first);
         assignString(second, other.second);
         assignString(third, other.third);
+    }
+    return *this;
+}
+
+Fingerprint::Fingerprint(Fingerprint&& other) noexcept
+    : first(std::exchange(other.first, nullptr)),
+      second(std::exchange(other.second, nullptr)),
+      third(std::exchange(other.third, nullptr)) {}
+
+Fingerprint& Fingerprint::operator=(Fingerprint&& other) noexcept {
+    if (this != &other) {
+        takeString(first, other.first);
+        takeString(second, other.second);
+        takeString(third, other.third);
     }
     return *this;
 }

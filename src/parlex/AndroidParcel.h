@@ -7,8 +7,13 @@
 //  - std::string: a String8 of its bytes and length (zero bytes survive);
 //  - char const*: an int32 length, -1 for null, then the bytes as a C string;
 //  - AndroidBuffer: an int32 size, then a blob of that size.
-// Strings read as char const* are copies owned by the AndroidParcel they were read from and
-// live exactly as long as it does.
+// Strings read as char const* point into the data of the parcel they were read from: they stay
+// valid until that parcel is written to or destroyed, and cost no copy. A std::string is copied
+// once, from the parcel into the string.
+//
+// Reads never go past the end of the data. One that wanted more bytes than were left marks the
+// parcel as overrun (overrun()), which stays set: a reader checks it once, after the last value,
+// to tell a parcel that held every value from one that was cut short.
 #pragma once
 
 #include <binder/Parcel.h>
@@ -17,7 +22,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace parlex {
 
@@ -58,7 +62,7 @@ private:
 
 class AndroidParcel {
 public:
-    // An empty parcel that owns a new android::Parcel.
+    // An empty parcel of its own, held inline: a message costs no allocation for it.
     AndroidParcel();
     // Wraps `parcel`; the wrapper deletes it only when `owned` is true.
     AndroidParcel(android::Parcel* parcel, bool owned);
@@ -78,6 +82,21 @@ public:
     void read(const char*& value) const;
     void read(AndroidBuffer& value) const;
 
+    // True once a read wanted more bytes than were left.
+    bool overrun() const { return overrun_; }
+    // Records the outcome of a read made on parcel() directly; true when it succeeded.
+    bool noteRead(android::status_t status) const;
+
+    // The buffer encoding without copies. writeBufferInplace writes a buffer of `size` bytes and
+    // returns where its bytes go (valid until the next write), or null when `size` is above the
+    // in-place blob limit; finishBufferInplace then makes that buffer its first `used` bytes, and
+    // must follow before anything else is written. readBufferInplace reads a buffer into `blob`,
+    // which points into the parcel (or maps its shared memory) for as long as the blob lives.
+    // Both throw impl::runtime_error as the copying forms do.
+    uint8_t* writeBufferInplace(unsigned int size);
+    void finishBufferInplace(unsigned int size, unsigned int used);
+    void readBufferInplace(android::Parcel::ReadableBlob* blob) const;
+
     // Provided by the platform transport: reserves a blob of `size` bytes, 0 on success.
     android::status_t writeBlob(unsigned int size, android::Parcel::WritableBlob* blob);
 
@@ -89,11 +108,11 @@ public:
     }
 
 private:
-    void release();
-
-    android::Parcel* parcel_;
-    bool owned_;
-    mutable std::vector<char*> ownedStrings_;
+    android::Parcel inline_;                    // the parcel, unless one was handed in
+    std::unique_ptr<android::Parcel> adopted_;  // a parcel handed in with `owned`
+    // inline_, the adopted or the borrowed parcel; null once moved from.
+    android::Parcel* parcel_ = nullptr;
+    mutable bool overrun_ = false;
 };
 
 // Scalar codecs, one overload per argument type. Types without an overload (long, double,

@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -90,6 +91,19 @@ void unpack_impl(const Parcel& parcel, Tuple& values, std::index_sequence<I...>)
     (detail::readArgument(parcel, std::get<I>(values)), ...);
 }
 
+// Reads `values` from `request`, once, and refuses a request whose arguments do not fill it
+// exactly: throws std::runtime_error "<what>: arguments cut short" when a read ran past the end,
+// or "<what>: N bytes after the arguments" when bytes remain.
+template <typename Parcel, typename Tuple>
+void unpack_exactly(const Parcel& request, Tuple& values, const char* what) {
+    unpack_impl(request, values, std::make_index_sequence<std::tuple_size<Tuple>::value>{});
+    if (const size_t left = request->dataAvail(); left != 0) {
+        throw std::runtime_error(std::string(what) + ": " + std::to_string(left) +
+                                 " bytes after the arguments");
+    }
+    if (request.overrun()) throw std::runtime_error(std::string(what) + ": arguments cut short");
+}
+
 template <typename F, typename Tuple, size_t... I>
 typename func_traits<F>::result call_impl(F& f, Tuple& values, std::index_sequence<I...>) {
     return f(std::move(std::get<I>(values))...);
@@ -153,8 +167,9 @@ public:
 
     // Sends `name` with `args` and blocks until the reply arrives; rethrows whatever the
     // transport stored instead of a reply (a dead peer, an error the remote handler raised).
+    // The arguments are written straight from the caller's values, never copied.
     template <typename... Args>
-    Parcel call(const std::string& name, Args... args) {
+    Parcel call(const std::string& name, const Args&... args) {
         auto parcel = std::make_unique<Parcel>();
         parcel->write(objectId_);
         pack_impl(*parcel, name, args...);
@@ -166,7 +181,12 @@ public:
     // handler whose result goes into the reply, 0 for one without result.
     template <typename F, int R = detail::hasResult<F>()>
     void bind(const std::string& name, F f) {
-        Handler<Parcel> handler = detail::makeHandler<Parcel, R, true>(std::move(f));
+        bindParcels(name, detail::makeHandler<Parcel, R, true>(std::move(f)));
+    }
+
+    // Binds a handler that reads its request and writes its reply (which may be null) itself:
+    // for a method whose reply is built where it lies.
+    void bindParcels(const std::string& name, Handler<Parcel> handler) {
         std::lock_guard<std::mutex> lock(handlersMutex_);
         handlers_[name] = std::move(handler);
     }
@@ -204,20 +224,20 @@ public:
 
     // Sends an event and returns once the peer has handled it.
     template <typename... Args>
-    void event(const std::string& name, Args... args) {
+    void event(const std::string& name, const Args&... args) {
         transmit(name, args...).get();
     }
 
     // Sends an event and returns at once; the future's get() waits until the peer has handled
     // it, and throws what event() would have thrown.
     template <typename... Args>
-    std::future<Parcel> post(const std::string& name, Args... args) {
+    std::future<Parcel> post(const std::string& name, const Args&... args) {
         return transmit(name, args...);
     }
 
     // Sends a callback and returns the peer's reply.
     template <typename... Args>
-    Parcel callback(const std::string& name, Args... args) {
+    Parcel callback(const std::string& name, const Args&... args) {
         return transmit(name, args...).get();
     }
 

@@ -72,6 +72,11 @@ public:
     // Waits for the answer, logs a failure as remoteEvent does and releases the event lock.
     void finishEvent(PendingEvent& pending);
 
+protected:
+    // Asks the client for `size` bytes of audio as getBuffer does and returns its reply, the
+    // buffer still in it to be read in place; false when the client could not be asked.
+    std::pair<bool, parlex::AndroidParcel> requestBuffer(int size);
+
 private:
     void bindRequests();
     template <typename F>
@@ -79,7 +84,7 @@ private:
 
     // Each sends one message and reports whether it reached the client; a failure is logged.
     template <typename... Args>
-    bool remoteEvent(const std::string& name, Args... args);
+    bool remoteEvent(const std::string& name, const Args&... args);
     std::pair<bool, parlex::AndroidParcel> remoteCallback(const std::string& name, int arg);
 
     // The events that carry only the source id and the player's state.

@@ -6,10 +6,8 @@
 
 #include <cstring>
 #include <exception>
-#include <functional>
 #include <stdexcept>
 #include <tuple>
-#include <vector>
 
 #include "common/LogFormat.h"
 #include "common/OwnedText.h"
@@ -17,8 +15,6 @@
 #include "parlex/TrackProtocol.h"
 
 namespace orv {
-
-namespace {}  // namespace
 
 // ---- SourceConfig
 
@@ -80,53 +76,9 @@ struct WholeArguments {
     Values values;
 };
 
-// Bytes beyond a request's end that a reading of its arguments may run into: enough for the
-// longest scalar, an int64, and for a length and terminator of a text.
-constexpr size_t kOverrunBytes = 8;
-
-void checkNothingLeft(const AndroidParcel& request) {
-    if (request->dataAvail() != 0) {
-        throw std::runtime_error("track request: " + std::to_string(request->dataAvail()) +
-                                 " bytes after the arguments");
-    }
-}
-
-// Throws unless the arguments read from `start` ended exactly at the request's end. A reading
-// that ran out of data stops at the end too, so the arguments are read once more, by
-// `readAgain`, from a copy of the request followed by zero bytes: that reading goes past the
-// end exactly when the first one came up short.
-void checkWhole(const AndroidParcel& request, size_t start,
-                const std::function<void(const AndroidParcel&)>& readAgain) {
-    checkNothingLeft(request);
-    const android::Parcel& data = *request.parcel();
-    std::vector<uint8_t> bytes(data.data(), data.data() + data.dataSize());
-    bytes.resize(bytes.size() + kOverrunBytes, 0);
-    AndroidParcel extended;
-    extended->setData(bytes.data(), bytes.size());
-    extended->setDataPosition(start);
-    readAgain(extended);
-    if (extended->dataPosition() != data.dataSize()) {
-        throw std::runtime_error("track request: arguments cut short");
-    }
-}
-
-template <typename Values>
-void readValues(const AndroidParcel& parcel, Values& values) {
-    std::apply([&](auto&... value) { ((parcel >> value), ...); }, values);
-}
-
 template <typename Values>
 const AndroidParcel& operator>>(const AndroidParcel& request, WholeArguments<Values>& arguments) {
-    if constexpr (std::tuple_size_v<Values> == 0) {
-        checkNothingLeft(request);  // nothing to read, so nothing to copy and read again
-    } else {
-        const size_t start = request->dataPosition();
-        readValues(request, arguments.values);
-        checkWhole(request, start, [](const AndroidParcel& copy) {
-            Values scratch{};
-            readValues(copy, scratch);
-        });
-    }
+    parlex::unpack_exactly(request, arguments.values, "track request");
     return request;
 }
 
@@ -160,7 +112,7 @@ template <typename F>
 void ZEMAudioTrackServer::bindRequest(const char* name, F operation) {
     using Values = typename parlex::func_traits<F>::args;
     bind(name, [operation](WholeArguments<Values> request) {
-        return std::apply(operation, request.values);
+        return std::apply(operation, std::move(request.values));
     });
 }
 
@@ -207,7 +159,7 @@ void ZEMAudioTrackServer::bindRequests() {
 }
 
 template <typename... Args>
-bool ZEMAudioTrackServer::remoteEvent(const std::string& name, Args... args) {
+bool ZEMAudioTrackServer::remoteEvent(const std::string& name, const Args&... args) {
     std::lock_guard<std::mutex> lock(eventMutex);
     try {
         event(name, args...);
@@ -228,9 +180,13 @@ std::pair<bool, parlex::AndroidParcel> ZEMAudioTrackServer::remoteCallback(const
     }
 }
 
-parlex::AndroidBuffer ZEMAudioTrackServer::getBuffer(int size) {
+std::pair<bool, parlex::AndroidParcel> ZEMAudioTrackServer::requestBuffer(int size) {
     log(LOG_DATA, "getBuffer", "size:%d", size);
-    std::pair<bool, parlex::AndroidParcel> reply = remoteCallback(protocol::kGetBuffer, size);
+    return remoteCallback(protocol::kGetBuffer, size);
+}
+
+parlex::AndroidBuffer ZEMAudioTrackServer::getBuffer(int size) {
+    std::pair<bool, parlex::AndroidParcel> reply = requestBuffer(size);
     if (!reply.first) return parlex::AndroidBuffer();
     return reply.second.as<parlex::AndroidBuffer>();
 }
@@ -640,24 +596,28 @@ void ZEMServerTrack::releaseHeldSources() {
     }
 }
 
+// The audio is copied once, from the client's reply (or the shared memory it carries) into the
+// player's buffer.
 int ZEMServerTrack::getData(uint8_t* buffer, unsigned int size) {
     log(LOG_DATA, "getData", "sourceId=%lld", sourceId());
     const int asked = size < kDataRequestLimit ? static_cast<int>(size) : kDataRequestCut;
-    parlex::AndroidBuffer data;
+    std::pair<bool, parlex::AndroidParcel> reply = requestBuffer(asked);
+    if (!reply.first) return -1;
+    android::Parcel::ReadableBlob data;
     try {
-        data = getBuffer(asked);
+        reply.second.readBufferInplace(&data);
     } catch (const std::exception& error) {
         // A client's malformed answer must not reach the player's thread.
         log(LOG_ERROR, "getData", "malformed reply: %s", error.what());
         return -1;
     }
     if (data.data() == nullptr || data.size() == 0) return -1;
-    unsigned int length = data.size();
+    size_t length = data.size();
     // The player's buffer holds `size` bytes: a client that sends more than it was asked for
     // must not write past it.
-    if (length > static_cast<unsigned int>(asked)) {
-        log(LOG_ERROR, "getData", "reply of %u bytes cut to the %d asked for", length, asked);
-        length = static_cast<unsigned int>(asked);
+    if (length > static_cast<size_t>(asked)) {
+        log(LOG_ERROR, "getData", "reply of %zu bytes cut to the %d asked for", length, asked);
+        length = static_cast<size_t>(asked);
     }
     std::memcpy(buffer, data.data(), length);
     return static_cast<int>(length);

@@ -37,12 +37,21 @@ public:
     ~Parcel();
     Parcel(const Parcel&) = delete;
     Parcel& operator=(const Parcel&) = delete;
+    // The data and descriptors go over whole; pointers into the data stay valid. The source is
+    // left empty.
+    Parcel(Parcel&& other) noexcept;
+    Parcel& operator=(Parcel&& other) noexcept;
 
     const uint8_t* data() const { return data_.data(); }
     size_t dataSize() const { return data_.size(); }
     size_t dataAvail() const { return data_.size() - pos_; }
     size_t dataPosition() const { return pos_; }
     void setDataPosition(size_t pos) const;
+    // Makes the data `size` bytes long: cut, or extended with zero bytes. The position stays
+    // within the data.
+    status_t setDataSize(size_t size);
+    // Reserves room for `size` bytes, so that writes up to that size allocate nothing more.
+    status_t setDataCapacity(size_t size);
 
     // Replaces the contents with a copy of `bytes` and the descriptors in `fds` (which the
     // parcel takes over and will close); the read position goes back to 0.
