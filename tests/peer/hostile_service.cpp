@@ -44,16 +44,11 @@ int main() {
     for (std::string verb; std::cin >> verb;) {
         int size = 0;
         std::cin >> size;
-        std::shared_ptr<parlex::AndroidImpl> track;
-        {
-            std::lock_guard<std::mutex> lock(newestMutex);
-            track = newest.lock();
-        }
-        if (!track) {
-            say("error no track");
-            continue;
-        }
         try {
+            std::unique_lock<std::mutex> lock(newestMutex);
+            const std::shared_ptr<parlex::AndroidImpl> track = newest.lock();
+            lock.unlock();
+            if (!track) throw std::runtime_error("no track");
             say("reply " + track->callback(kGetBuffer, size).as<Raw>().hex());
         } catch (const std::exception& error) {
             say(std::string("error ") + error.what());
