@@ -19,6 +19,7 @@
 #include "Sink.h"
 #include "Source.h"
 #include "support/Programs.h"
+#include "support/TrackCases.h"
 
 namespace {
 
@@ -113,31 +114,17 @@ TEST(ServiceTest, ZemPlayEndsPromptlyOnSigtermWhileInitWaitsOrTheServiceStalls) 
 }
 
 // A track of this process that plays 16-bit stereo PCM at 48000 Hz from `listener`.
-std::unique_ptr<orv::ZEMAudioTrack> playPcm(std::shared_ptr<zem::Listener> listener,
+std::unique_ptr<orv::ZEMAudioTrack> playPcm(std::shared_ptr<orv::EventListenerV3> listener,
                                             const orv::MediaDescription& description = {}) {
     std::unique_ptr<orv::ZEMAudioTrack> track(createZEMAudioTrack());
     orv::ZEMAudioSourceV4 source;
     source.type = orv::kSourceTypePcm;
     source.format = {0, 48000, 16, 2, true, 1, 0};
-    EXPECT_TRUE(track->init(std::shared_ptr<orv::EventListenerV3>(std::move(listener)),
-                            std::make_shared<zem::StderrLogSink>("test", 6)));
+    EXPECT_TRUE(track->init(std::move(listener), std::make_shared<zem::StderrLogSink>("test", 6)));
     EXPECT_GT(track->setSource(source, description), 0);
     track->play();
     return track;
 }
-
-// A client that never answers a request for audio.
-class StallingListener : public zem::Listener {
-public:
-    StallingListener() : zem::Listener(nullptr) {}
-    int getBuffer(uint8_t*, int) override {
-        asked.store(true);
-        released.wait();
-        return 0;
-    }
-    std::atomic<bool> asked{false};
-    std::shared_future<void> released;
-};
 
 TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsUpNoShutdown) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root, to run a client as nobody";
@@ -161,10 +148,16 @@ TEST(ServiceTest, AnotherUsersClientPlaysOnlyWhatItCouldReadAndAStalledOneHoldsU
     EXPECT_EQ(run(nobody + ZEM_PLAY_PATH " --url " + open), 0);
 
     std::promise<void> release;
-    auto listener = std::make_shared<StallingListener>();
-    listener->released = release.get_future().share();
+    std::atomic<bool> asked{false};  // a client that never answers a request for audio
+    auto listener = std::make_shared<orv::test::RecordingListener>(
+        std::make_shared<orv::test::RecordingLogSink>(), "");
+    listener->count = [&asked, released = release.get_future().share()](int) {
+        asked = true;
+        released.wait();
+        return 0;
+    };
     const auto track = playPcm(listener);
-    ASSERT_TRUE(waitUntil([&] { return listener->asked.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return asked.load(); }));
     EXPECT_EQ(service.stop(), 0);
     release.set_value();
     ::unsetenv("PARLEX_SOCKET_MODE");
