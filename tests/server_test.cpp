@@ -234,9 +234,8 @@ TEST_F(ServerTest, GetDataAsksAtMost12288AndNeverWritesPastWhatItAsked) {
     EXPECT_EQ(impl->getData(nullptr, 10, 0x100000003), -1);  // only the low 32 bits are printed
     impl->onBufferUnderrunStarted(3, MediaPlayerStateV2());  // named as the host named it
     EXPECT_EQ(sink->count(LOG_ERROR, "getTrack:cannot find track, sourceId=3"), 2u);
-    for (const std::string report : {"getData", "onBufferUnderrunStarted"}) {
+    for (const std::string report : {"getData", "onBufferUnderrunStarted"})
         EXPECT_EQ(sink->count(LOG_ERROR, report + ":no track found, sourceId=3"), 1u);
-    }
 }
 
 TEST_F(ServerTest, ReportAndMetadataReachTheirClientsUnderTheirWireNamesArgumentsInOrder) {

@@ -30,9 +30,8 @@ int main() {
     parlex::AndroidServer server;
     server.registerFactory(kObjectType, [] {
         auto track = std::make_shared<parlex::AndroidImpl>();
-        for (const char* name : {kPlay, kStop, kGetOffset, kDestroy}) {
+        for (const char* name : {kPlay, kStop, kGetOffset, kDestroy})
             track->bind(name, [] { return Raw(); });
-        }
         track->bind(kGetPlaybackReportArray, [] { return Raw::encoding(1000); });
         track->bind(kGetPlaybackReports, [] { return Raw::encoding(0x7fffffff); });
         std::lock_guard<std::mutex> lock(newestMutex);

@@ -140,9 +140,8 @@ private:
 // Entries of /proc/self/fd and /proc/self/task: descriptors and threads of this process.
 inline std::vector<int> openFds() {
     std::vector<int> fds;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
         fds.push_back(std::stoi(entry.path().filename().string()));
-    }
     return fds;
 }
 inline size_t threadCount() {

@@ -25,9 +25,8 @@ struct Raw {
     // The bytes of `hex`, as hex() writes them ("-": none).
     static Raw of(const std::string& hex) {
         Raw raw;
-        for (size_t k = 0; hex != "-" && k + 1 < hex.size(); k += 2) {
+        for (size_t k = 0; hex != "-" && k + 1 < hex.size(); k += 2)
             raw.bytes.push_back(static_cast<uint8_t>(std::stoi(hex.substr(k, 2), nullptr, 16)));
-        }
         return raw;
     }
     // The wire bytes of `values`.

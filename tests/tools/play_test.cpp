@@ -17,12 +17,10 @@ namespace {
 using namespace play;
 
 TEST(ZemPlayArgumentsTest, OnlyARealSchemeMakesAUrlAndPathsBecomeAbsoluteEscapedFileUrls) {
-    for (const char* url : {"http://example.org/a.ogg", "file:///a.wav", "x-y+z.1:rest"}) {
+    for (const char* url : {"http://example.org/a.ogg", "file:///a.wav", "x-y+z.1:rest"})
         EXPECT_TRUE(hasScheme(url)) << url;
-    }
-    for (const char* path : {"song.wav", "c:song.wav", "./a:b.wav", "dir/a:b.wav", "1ab:c", ""}) {
+    for (const char* path : {"song.wav", "c:song.wav", "./a:b.wav", "dir/a:b.wav", "1ab:c", ""})
         EXPECT_FALSE(hasScheme(path)) << path;
-    }
     const struct {
         const char* path;
         const char* url;
@@ -32,9 +30,8 @@ TEST(ZemPlayArgumentsTest, OnlyARealSchemeMakesAUrlAndPathsBecomeAbsoluteEscaped
         {"../up.wav", "file:///home/u/../up.wav"},  // only the kernel knows where ".." leads
         {"/abs//100%#?.wav", "file:///abs/100%25%23%3F.wav"},
     };
-    for (const auto& test : cases) {
+    for (const auto& test : cases)
         EXPECT_EQ(fileUrl(absolutePath(test.path, "/home/u")), test.url) << test.path;
-    }
 }
 
 TEST(ZemPlayArgumentsTest, PositionsInSecondsMinutesOrUnitsAndPlainRefusals) {

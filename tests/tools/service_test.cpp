@@ -223,9 +223,8 @@ TEST(ServiceTest, LateClientIsHeardAsItsOwnUnderrunAndAnotherClientPlaysOnUnbrok
     while (start < mix.size() && mix[start] == 0) ++start;
     start -= start % 2;
     ASSERT_GE(mix.size(), start + steady.size());
-    for (size_t i = 0; i < steady.size(); ++i) {
+    for (size_t i = 0; i < steady.size(); ++i)
         ASSERT_EQ(mix[start + i], steady[i]) << "frame " << i / 2;
-    }
 }
 
 }  // namespace
