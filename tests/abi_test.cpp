@@ -24,10 +24,6 @@ long slotOf(MemberFunction function) {
     return static_cast<long>((words[0] - 1) / sizeof(void*));
 }
 
-#define SLOT(Class, Result, name, Params, expected)                                 \
-    EXPECT_EQ(slotOf(static_cast<Result(Class::*) Params>(&Class::name)), expected) \
-        << #Class << "::" #name #Params
-
 // `functions`, in the order given, hold the slots from `first` on. Their signatures are pinned
 // by the test doubles that override them (support/TrackCases.h, support/MockPlayer.h).
 template <typename... Functions>
@@ -46,30 +42,21 @@ using State = const MediaPlayerStateV2&;
 
 TEST(AbiSlots, ClientTrack) {
     using T = ZEMAudioTrack;
-    SLOT(T, bool, init, (std::shared_ptr<EventListener>, Sink), 2);
-    SLOT(T, long long, setSource, (const ZEMAudioFormat&, const char*), 3);
-    SLOT(T, bool, play, (), 4);
-    SLOT(T, bool, stop, (), 5);
-    SLOT(T, bool, pause, (), 6);
-    SLOT(T, bool, resume, (), 7);
-    SLOT(T, int, getOffset, (), 8);
-    SLOT(T, void, destroy, (), 9);
-    SLOT(T, MediaPlayerState, getMediaPlayerState, (), 10);
-    SLOT(T, PlaybackAttributes, getPlaybackAttributes, (), 11);
-    SLOT(T, PlaybackReports, getPlaybackReports, (), 12);
-    SLOT(T, Fingerprint, getFingerprint, (), 13);
-    SLOT(T, long long, setSource, (const ZEMAudioSource&), 14);
-    SLOT(T, bool, seekTo, (int, bool), 15);
-    SLOT(T, long long, setSource, (const ZEMAudioSource&, const MediaDescription&), 16);
-    SLOT(T, long long, setSource, (const ZEMAudioSourceV2&, const MediaDescription&), 17);
-    SLOT(T, PlaybackReportArray, getPlaybackReportArray, (), 18);
-    SLOT(T, bool, setVolume, (float), 19);
-    SLOT(T, long long, setSource, (const ZEMAudioSourceV3&, const MediaDescription&), 20);
-    SLOT(T, bool, init, (std::shared_ptr<EventListenerV2>, Sink), 21);
-    SLOT(T, MediaPlayerStateV2, getMediaPlayerStateV2, (), 22);
-    SLOT(T, bool, init, (std::shared_ptr<EventListenerV3>, Sink), 23);
-    SLOT(T, long long, setSource, (const ZEMAudioSourceV4&, const MediaDescription&), 24);
-    SLOT(T, bool, setFocusSessionId, (unsigned int), 25);
+#define OVERLOAD(Result, name, Params) static_cast<Result(T::*) Params>(&T::name)
+#define SET_SOURCE(...) OVERLOAD(long long, setSource, (__VA_ARGS__))
+#define INIT(Listener) OVERLOAD(bool, init, (std::shared_ptr<Listener>, Sink))
+    SLOTS(2, INIT(EventListener), SET_SOURCE(const ZEMAudioFormat&, const char*), &T::play,
+          &T::stop, &T::pause, &T::resume, &T::getOffset, &T::destroy, &T::getMediaPlayerState,
+          &T::getPlaybackAttributes, &T::getPlaybackReports, &T::getFingerprint,
+          SET_SOURCE(const ZEMAudioSource&), &T::seekTo,
+          SET_SOURCE(const ZEMAudioSource&, const MediaDescription&),
+          SET_SOURCE(const ZEMAudioSourceV2&, const MediaDescription&), &T::getPlaybackReportArray,
+          &T::setVolume, SET_SOURCE(const ZEMAudioSourceV3&, const MediaDescription&),
+          INIT(EventListenerV2), &T::getMediaPlayerStateV2, INIT(EventListenerV3),
+          SET_SOURCE(const ZEMAudioSourceV4&, const MediaDescription&), &T::setFocusSessionId);
+#undef OVERLOAD
+#undef SET_SOURCE
+#undef INIT
 }
 
 TEST(AbiSlots, Listeners) {

@@ -41,9 +41,8 @@ std::vector<RequestRow<ZEMAudioTrack>> pendingRequests() {
         "play",   "stop",      "pause",     "resume",
         "seekTo", "getOffset", "setVolume", "getMediaPlayerStateV2"};
     std::vector<RequestRow<ZEMAudioTrack>> rows;
-    for (auto& row : requestRows<ZEMAudioTrack>()) {
+    for (auto& row : requestRows<ZEMAudioTrack>())
         if (blocked.count(callOf(row))) rows.push_back(row);
-    }
     return rows;
 }
 
@@ -51,23 +50,17 @@ TEST(ServiceKillTest, PendingCallsFailWithTheirDefaultsAndEachListenerHearsDeath
     PrivateRuntimeDir dir;
     Process service({KILL_SERVICE_PATH});
     ASSERT_EQ(service.readLine(), "ready");
-    auto sink = std::make_shared<RecordingLogSink>();
     const auto requests = pendingRequests();
     ASSERT_EQ(requests.size(), 8u);
     // One track per request; each listener journals its calls and notes when the first came.
-    std::vector<std::shared_ptr<RecordingLogSink>> journals;
-    std::vector<std::shared_ptr<RecordingListener>> listeners;
-    std::vector<std::atomic<Clock::rep>> heardAt(requests.size());  // 0: nothing heard yet
-    std::vector<std::unique_ptr<ZEMAudioTrack>> tracks;
-    for (size_t k = 0; k < requests.size(); ++k) {
-        journals.push_back(std::make_shared<RecordingLogSink>());
-        listeners.push_back(std::make_shared<RecordingListener>(journals[k], "v3"));
-        listeners[k]->then = [&at = heardAt[k]] {
-            Clock::rep none = 0;
-            at.compare_exchange_strong(none, Clock::now().time_since_epoch().count());
-        };
-    }
-    auto deaths = [&](size_t k) { return journals[k]->count(kCall, "onServerDeath"); };
+    struct Watched {
+        std::shared_ptr<RecordingLogSink> journal = std::make_shared<RecordingLogSink>();
+        std::shared_ptr<RecordingListener> listener =
+            std::make_shared<RecordingListener>(journal, "v3");
+        std::atomic<Clock::rep> heardAt{0};  // 0: nothing heard yet
+        std::unique_ptr<ZEMAudioTrack> track;
+    };
+    std::vector<Watched> watched(requests.size());
     // The first track's listener holds the service's pull until the test lets it go.
     std::promise<void> pulled, letGo;
     std::shared_future<void> letGoFuture = letGo.get_future().share();
@@ -81,25 +74,31 @@ TEST(ServiceKillTest, PendingCallsFailWithTheirDefaultsAndEachListenerHearsDeath
         }
     });
     std::atomic<bool> first{true};
-    listeners[0]->count = [&](int size) {
+    watched[0].listener->count = [&](int size) {
         if (first.exchange(false)) {
             pulled.set_value();
             letGoFuture.wait();
         }
         return size;
     };
-    for (auto& listener : listeners) {
-        tracks.emplace_back(createZEMAudioTrack());
-        ASSERT_TRUE(tracks.back()->init(std::shared_ptr<EventListenerV3>(listener), sink));
+    for (Watched& each : watched) {
+        each.listener->then = [&at = each.heardAt] {
+            Clock::rep none = 0;
+            at.compare_exchange_strong(none, Clock::now().time_since_epoch().count());
+        };
+        each.track.reset(createZEMAudioTrack());
+        ASSERT_TRUE(each.track->init(std::shared_ptr<EventListenerV3>(each.listener),
+                                     std::make_shared<RecordingLogSink>()));
     }
-    const long long id = tracks[0]->setSource(source(kSourceTypePcm));
+    const long long id = watched[0].track->setSource(source(kSourceTypePcm));
     ASSERT_EQ(id, 100);
     ASSERT_TRUE(service.writeLine("pull " + text(id)));
     ASSERT_EQ(service.readLine(), "pulling");
     ASSERT_EQ(pulled.get_future().wait_for(kTimeout), std::future_status::ready);
 
     for (size_t k = 0; k < requests.size(); ++k) {
-        calls.push_back(std::async(std::launch::async, requests[k].call, std::ref(*tracks[k])));
+        calls.push_back(
+            std::async(std::launch::async, requests[k].call, std::ref(*watched[k].track)));
     }
     std::multiset<std::string> blocked, expected;
     for (const auto& request : requests) {
@@ -115,20 +114,20 @@ TEST(ServiceKillTest, PendingCallsFailWithTheirDefaultsAndEachListenerHearsDeath
         EXPECT_EQ(calls[k].get(), requests[k].failed) << requests[k].player;
     }
     ASSERT_TRUE(waitUntil([&] {
-        return std::all_of(heardAt.begin(), heardAt.end(), [](auto& at) { return at != 0; });
+        return std::all_of(watched.begin(), watched.end(), [](auto& w) { return w.heardAt != 0; });
     }));
-    long long latest = 0;
-    for (size_t k = 0; k < listeners.size(); ++k) {
-        const long long took = msSince(killed, Clock::time_point(Clock::duration(heardAt[k])));
-        latest = std::max(latest, took);
-        EXPECT_LE(took, kDeathBound.count()) << k;
-    }
+    Clock::rep last = 0;
+    for (Watched& each : watched) last = std::max(last, each.heardAt.load());
+    const long long latest = msSince(killed, Clock::time_point(Clock::duration(last)));
+    EXPECT_LE(latest, kDeathBound.count());
     RecordProperty("last_death_ms", static_cast<int>(latest));
     letGo.set_value();
     // Later calls fail at once and bring no second death.
-    for (auto& track : tracks) EXPECT_FALSE(track->play());
-    tracks.clear();
-    for (size_t k = 0; k < listeners.size(); ++k) EXPECT_EQ(deaths(k), 1u) << k;
+    for (Watched& each : watched) {
+        EXPECT_FALSE(each.track->play());
+        each.track.reset();
+    }
+    for (Watched& each : watched) EXPECT_EQ(each.journal->count(kCall, "onServerDeath"), 1u);
 }
 
 TEST(ClientKillTest, TheSourcesOfAClientKilledMidStreamAreReleasedAtThePlayerWithin100Ms) {

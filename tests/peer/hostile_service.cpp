@@ -30,9 +30,8 @@ int main() {
     parlex::AndroidServer server;
     server.registerFactory(kObjectType, [] {
         auto track = std::make_shared<parlex::AndroidImpl>();
-        for (const char* name : {kPlay, kStop, kGetOffset, kDestroy}) {
+        for (const char* name : {kPlay, kStop, kGetOffset, kDestroy})
             track->bind(name, [] { return Raw(); });
-        }
         track->bind(kGetPlaybackReportArray, [] { return Raw::encoding(1000); });
         track->bind(kGetPlaybackReports, [] { return Raw::encoding(0x7fffffff); });
         std::lock_guard<std::mutex> lock(newestMutex);
@@ -44,16 +43,11 @@ int main() {
     for (std::string verb; std::cin >> verb;) {
         int size = 0;
         std::cin >> size;
-        std::shared_ptr<parlex::AndroidImpl> track;
-        {
-            std::lock_guard<std::mutex> lock(newestMutex);
-            track = newest.lock();
-        }
-        if (!track) {
-            say("error no track");
-            continue;
-        }
         try {
+            std::unique_lock<std::mutex> lock(newestMutex);
+            const std::shared_ptr<parlex::AndroidImpl> track = newest.lock();
+            lock.unlock();
+            if (!track) throw std::runtime_error("no track");
             say("reply " + track->callback(kGetBuffer, size).as<Raw>().hex());
         } catch (const std::exception& error) {
             say(std::string("error ") + error.what());

@@ -52,18 +52,16 @@ int main(int argc, char** argv) {
         killAfter(random, 3000);
         for (;;) {  // connect again and again until the kill lands
             std::unique_ptr<ZEMAudioTrack> track(createZEMAudioTrack());
-            if (!track->init(std::shared_ptr<EventListenerV3>(listener), log)) {
+            if (!track->init(std::shared_ptr<EventListenerV3>(listener), log))
                 return fail("init failed");
-            }
         }
     }
     std::unique_ptr<ZEMAudioTrack> track(createZEMAudioTrack());
     if (!track->init(std::shared_ptr<EventListenerV3>(listener), log)) return fail("init failed");
     if (mode == "die" && stage == "setSource") {
         killAfter(random, 3000);
-        for (;;) {
+        for (;;)
             if (track->setSource(source(kSourceTypePcm)) < 0) return fail("setSource failed");
-        }
     }
     // Dies inside getBuffer on a random one of the first pulls, or inside one of the first events.
     std::atomic<int> pulls{0}, events{0};
@@ -80,8 +78,7 @@ int main(int argc, char** argv) {
     if (id < 0) return fail("setSource failed");
     if (mode == "stream") {
         std::cout << "source " << id << std::endl;
-        for (std::string line; std::getline(std::cin, line);) {
-        }
+        for (std::string line; std::getline(std::cin, line);) continue;
         return 0;
     }
     if (mode != "die" || (stage != "getBuffer" && stage != "event")) return fail("bad usage");

@@ -33,20 +33,17 @@ int main() {
     ON_CALL(*player, setSource(_, _)).WillByDefault([&](const SourceConfig&, const char*) {
         return nextId.fetch_add(1);
     });
-    ON_CALL(*player, play).WillByDefault([](long long) -> int { blockForever("play"); });
-    ON_CALL(*player, stop).WillByDefault([](long long) -> int { blockForever("stop"); });
-    ON_CALL(*player, pause).WillByDefault([](long long) -> int { blockForever("pause"); });
-    ON_CALL(*player, resume).WillByDefault([](long long) -> int { blockForever("resume"); });
-    ON_CALL(*player, getOffset).WillByDefault([](long long) -> int { blockForever("getOffset"); });
-    ON_CALL(*player, seekTo).WillByDefault([](long long, int, bool) -> int {
-        blockForever("seekTo");
-    });
-    ON_CALL(*player, setVolume).WillByDefault([](float, long long) -> int {
-        blockForever("setVolume");
-    });
-    ON_CALL(*player, getMediaPlayerStateV2).WillByDefault([](long long) -> MediaPlayerStateV2 {
-        blockForever("getMediaPlayerStateV2");
-    });
+#define BLOCK(call, Result) \
+    ON_CALL(*player, call).WillByDefault([](auto...) -> Result { blockForever(#call); })
+    BLOCK(play, int);
+    BLOCK(stop, int);
+    BLOCK(pause, int);
+    BLOCK(resume, int);
+    BLOCK(getOffset, int);
+    BLOCK(seekTo, int);
+    BLOCK(setVolume, int);
+    BLOCK(getMediaPlayerStateV2, MediaPlayerStateV2);
+#undef BLOCK
 
     ZEMAudioServer server(player, nullptr);
     say("ready");

@@ -8,25 +8,17 @@
 #include <iostream>
 
 #include "support/MockPlayer.h"
+#include "support/Say.h"
 #include "support/TrackCases.h"
 
 namespace orv::test {
 
 std::string text(const SourceConfig& c) { return join(c.type, c.sampleRate, c.url); }
 
-template <typename... Args>
-void say(const char* name, const Args&... args) {
-    static std::mutex mutex;
-    std::string line = name;
-    ((line += " " + text(args)), ...);
-    std::lock_guard<std::mutex> lock(mutex);
-    std::cout << line << std::endl;
-}
-
 // A player call that writes its line and returns `result`.
 #define ANSWER(method, result)                                        \
     ON_CALL(*player, method).WillByDefault([=](const auto&... args) { \
-        say(#method, args...);                                        \
+        say((std::string(#method) + ... + (" " + text(args))));       \
         return result;                                                \
     })
 
@@ -69,7 +61,7 @@ int run() {
             const int got = player->delegate.load()->getData(buffer.data(), size, kSourceId);
             for (int j = 0; j < got; ++j) exact = exact && buffer[j] == patternByte(streamed++);
         }
-        say("pulled", streamed - before, exact);
+        say("pulled " + text(streamed - before) + " " + text(exact));
     }
     return 0;
 }

@@ -37,19 +37,15 @@ inline bool waitUntil(const std::function<bool()>& condition) {
     return true;
 }
 
-// A child whose stdin and stdout are pipes to us; stderr is shared so that its diagnostics
-// land in the test log. The peer takes the end of its stdin as the request to shut down cleanly.
-// With `uid`, the child runs as that user and group (this process must be root).
+// A child whose stdin and stdout are pipes to us (the end of its stdin asks it to shut down);
+// its stderr lands in the test log. With `uid`, it runs as that user and group (we are root).
 class Process {
 public:
     explicit Process(std::vector<std::string> argv, std::optional<uid_t> uid = std::nullopt) {
-        // Close-on-exec, so that a child started later does not hold these pipes open; dup2 in
-        // the child clears the flag on its own copies.
-        int in[2];
-        int out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+        // Close-on-exec, so that a child started later does not hold these pipes open.
+        int in[2], out[2];
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
             throw std::runtime_error("pipe2 failed");
-        }
         std::vector<char*> args;
         for (std::string& arg : argv) args.push_back(arg.data());
         args.push_back(nullptr);
@@ -57,10 +53,7 @@ public:
         if (pid_ == 0) {  // only async-signal-safe calls until exec: other threads may run
             ::dup2(in[0], STDIN_FILENO);
             ::dup2(out[1], STDOUT_FILENO);
-            if (uid &&
-                (::setgroups(0, nullptr) != 0 || ::setgid(*uid) != 0 || ::setuid(*uid) != 0)) {
-                ::_exit(126);
-            }
+            if (uid && (::setgroups(0, nullptr) || ::setgid(*uid) || ::setuid(*uid))) ::_exit(126);
             ::execv(args[0], args.data());
             ::_exit(127);
         }
@@ -88,8 +81,7 @@ public:
         }
     }
 
-    // Skips lines up to the first that contains `text` and returns it; nullopt at end of file or
-    // when none arrives in time.
+    // The first line that contains `text`, skipping those before it.
     std::optional<std::string> readUntil(const std::string& text) {
         while (auto line = readLine()) {
             if (line->find(text) != std::string::npos) return line;
@@ -97,7 +89,6 @@ public:
         return std::nullopt;
     }
 
-    // Writes `line` to the child's stdin, which must still be open (else SIGPIPE).
     bool writeLine(const std::string& line) {
         const std::string text = line + "\n";
         return ::write(stdin_.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
@@ -111,8 +102,7 @@ public:
         ::waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
-    // Closes stdin and returns the wait status of the child's exit; -1 when it still runs
-    // after kTimeout.
+    // Closes stdin; the child's wait status, -1 when it still runs after kTimeout.
     int finish() {
         stdin_.reset();
         int status = -1;
@@ -127,9 +117,8 @@ private:
     transport::UniqueFd stdout_;
 };
 
-// A runtime directory of its own for the life of a test, so that its services cannot meet those
-// of another test run on the same machine, and the transport's settings at their defaults.
-// Children started meanwhile inherit them.
+// A runtime directory of the test's own, so that its services meet no other test run's, and
+// the transport's settings at their defaults; children started meanwhile inherit them.
 class PrivateRuntimeDir {
 public:
     PrivateRuntimeDir() {
@@ -151,9 +140,8 @@ private:
 // Entries of /proc/self/fd and /proc/self/task: descriptors and threads of this process.
 inline std::vector<int> openFds() {
     std::vector<int> fds;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
         fds.push_back(std::stoi(entry.path().filename().string()));
-    }
     return fds;
 }
 inline size_t threadCount() {

@@ -15,13 +15,18 @@ namespace orv::test {
 struct Raw {
     std::vector<uint8_t> bytes;
 
-    std::string hex() const { return hexOf(bytes.data(), bytes.size()); }
+    // In hex, "-" for none: how the server tests and their peers write wire bytes.
+    std::string hex() const {
+        std::string text;
+        for (uint8_t byte : bytes)
+            text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
+        return text.empty() ? "-" : text;
+    }
     // The bytes of `hex`, as hex() writes them ("-": none).
     static Raw of(const std::string& hex) {
         Raw raw;
-        for (size_t k = 0; hex != "-" && k + 1 < hex.size(); k += 2) {
+        for (size_t k = 0; hex != "-" && k + 1 < hex.size(); k += 2)
             raw.bytes.push_back(static_cast<uint8_t>(std::stoi(hex.substr(k, 2), nullptr, 16)));
-        }
         return raw;
     }
     // The wire bytes of `values`.

@@ -45,9 +45,8 @@ public:
     // Lines at `level` whose message contains `text` ("" matches every line at that level).
     size_t count(LogLevel level, const std::string& text = "") const {
         size_t n = 0;
-        for (const LogEntry& entry : entries()) {
+        for (const LogEntry& entry : entries())
             n += entry.level == level && entry.message.find(text) != std::string::npos;
-        }
         return n;
     }
 

@@ -20,14 +20,6 @@ namespace orv::test {
 
 inline uint8_t patternByte(uint64_t i) { return static_cast<uint8_t>(i * 7 + (i >> 11)); }
 
-// Bytes in hex, "-" for none: how the server tests and their peer write wire bytes.
-inline std::string hexOf(const uint8_t* bytes, size_t size) {
-    std::string text;
-    for (size_t i = 0; i < size; ++i)
-        text += {"0123456789abcdef"[bytes[i] >> 4], "0123456789abcdef"[bytes[i] & 15]};
-    return text.empty() ? "-" : text;
-}
-
 // A number as std::to_string writes it (a flag as 1 or 0), an enumeration as its number.
 template <typename N, typename = std::enable_if_t<std::is_arithmetic_v<N> || std::is_enum_v<N>>>
 std::string text(N value) {

@@ -46,13 +46,12 @@ TEST(MixerTest, TonesSumExactlyLoudOnesClipAndChannelsAreMapped) {
     const StreamFormat stereo{SampleType::S16, 16, 48000, 2};
     const auto low = tone(440, 48000, 4800, 2, 0.4);
     const auto high = tone(660, 48000, 4800, 2, 0.4);
-    const auto sum = mixAll({low, high}, stereo, stereo, 4800);
-    for (size_t i = 0; i < sum.size(); ++i) ASSERT_EQ(sum[i], low[i] + high[i]) << i;
-
     // Two loud tones in phase: beyond full scale, held at its edge instead of wrapping round.
     const auto loud = tone(440, 48000, 4800, 2, 0.9);
+    const auto sum = mixAll({low, high}, stereo, stereo, 4800);
     const auto clipped = mixAll({loud, loud}, stereo, stereo, 4800);
-    for (size_t i = 0; i < clipped.size(); ++i) {
+    for (size_t i = 0; i < sum.size(); ++i) {
+        ASSERT_EQ(sum[i], low[i] + high[i]) << i;
         ASSERT_EQ(clipped[i], std::clamp(2 * loud[i], -32768, 32767)) << i;
     }
 
@@ -63,15 +62,12 @@ TEST(MixerTest, TonesSumExactlyLoudOnesClipAndChannelsAreMapped) {
 
     // 32-bit and float outputs: a 16-bit sample widens exactly, float clips at full scale.
     std::vector<double> mix = {0.5, -1.5, 1.5};
-    int32_t wide[3];
-    writeSamples(mix.data(), 3, SampleType::S32, reinterpret_cast<uint8_t*>(wide));
-    EXPECT_EQ(wide[0], 1 << 30);
-    EXPECT_EQ(wide[1], INT32_MIN);
-    EXPECT_EQ(wide[2], INT32_MAX);
-    float floats[3];
-    writeSamples(mix.data(), 3, SampleType::F32, reinterpret_cast<uint8_t*>(floats));
-    EXPECT_EQ(floats[1], -1.0f);
-    EXPECT_EQ(floats[2], 1.0f);
+    std::vector<int32_t> wide(3);
+    std::vector<float> floats(3);
+    writeSamples(mix.data(), 3, SampleType::S32, reinterpret_cast<uint8_t*>(wide.data()));
+    writeSamples(mix.data(), 3, SampleType::F32, reinterpret_cast<uint8_t*>(floats.data()));
+    EXPECT_EQ(wide, (std::vector<int32_t>{1 << 30, INT32_MIN, INT32_MAX}));
+    EXPECT_EQ(floats, (std::vector<float>{0.5f, -1.0f, 1.0f}));
 }
 
 TEST(MixerTest, A44kSourceInA48kOutputKeepsItsFrequencyAndLevel) {

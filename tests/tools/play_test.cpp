@@ -17,12 +17,10 @@ namespace {
 using namespace play;
 
 TEST(ZemPlayArgumentsTest, OnlyARealSchemeMakesAUrlAndPathsBecomeAbsoluteEscapedFileUrls) {
-    for (const char* url : {"http://example.org/a.ogg", "file:///a.wav", "x-y+z.1:rest"}) {
+    for (const char* url : {"http://example.org/a.ogg", "file:///a.wav", "x-y+z.1:rest"})
         EXPECT_TRUE(hasScheme(url)) << url;
-    }
-    for (const char* path : {"song.wav", "c:song.wav", "./a:b.wav", "dir/a:b.wav", "1ab:c", ""}) {
+    for (const char* path : {"song.wav", "c:song.wav", "./a:b.wav", "dir/a:b.wav", "1ab:c", ""})
         EXPECT_FALSE(hasScheme(path)) << path;
-    }
     const struct {
         const char* path;
         const char* url;
@@ -32,9 +30,8 @@ TEST(ZemPlayArgumentsTest, OnlyARealSchemeMakesAUrlAndPathsBecomeAbsoluteEscaped
         {"../up.wav", "file:///home/u/../up.wav"},  // only the kernel knows where ".." leads
         {"/abs//100%#?.wav", "file:///abs/100%25%23%3F.wav"},
     };
-    for (const auto& test : cases) {
+    for (const auto& test : cases)
         EXPECT_EQ(fileUrl(absolutePath(test.path, "/home/u")), test.url) << test.path;
-    }
 }
 
 TEST(ZemPlayArgumentsTest, PositionsInSecondsMinutesOrUnitsAndPlainRefusals) {
@@ -82,12 +79,9 @@ TEST(ZemPlayArgumentsTest, VolumesAsFactorPercentageOrDecibelsUpToFullVolume) {
 TEST(ZemPlayArgumentsTest, RawFormatsOnlyInTheLayoutsAPcmSourceCarries) {
     std::string error;
     const std::optional<StreamFormat> s16 = parseRawFormat("s16le:48000:2", error);
-    ASSERT_TRUE(s16) << error;
-    EXPECT_EQ(s16->type, SampleType::S16);
-    EXPECT_EQ(s16->rate, 48000u);
-    EXPECT_EQ(s16->channels, 2u);
     const std::optional<StreamFormat> s32 = parseRawFormat("S32LE:768000:1", error);
-    ASSERT_TRUE(s32) << error;
+    ASSERT_TRUE(s16 && s32) << error;
+    EXPECT_TRUE(s16->type == SampleType::S16 && s16->rate == 48000 && s16->channels == 2);
     EXPECT_EQ(s32->bytesPerFrame(), 4u);
     for (const char* text : {"f32le:48000:2", "s16le:0:2", "s16le:768001:2", "s16le:48000:3",
                              "s16le:48000", "s16le:48.5:2", "s16le:48000:2:1"}) {
@@ -161,70 +155,53 @@ TEST(ConnectFailureTest, EachTransportReasonIsToldApartWithTheSocketsPath) {
 
 TEST(ZemPlayTest, UsageIsPlainUrlsGoAsGivenPathsAsFileUrlsStdinAsPcmCutFilesEndTheWorstStatusWins) {
     parlex::test::PrivateRuntimeDir dir;
-    const std::string play = ZEM_PLAY_PATH;
-    const auto shell = [&](const std::string& command) {
-        return parlex::test::shell("cd '" + dir.path() + "' && " + command);
+    struct Run {
+        std::string command, says;  // in the test's directory, zem-play as $play
+        int status;
+        std::string twice = "";  // a line said twice
     };
-    ASSERT_EQ(shell(std::string(ZEM_WAVTOOL_PATH) + " generate in.wav 0.2").second, 0);
+    const auto check = [&](const std::vector<Run>& runs) {
+        for (const Run& run : runs) {
+            const auto [said, ended] = parlex::test::shell(
+                "cd '" + dir.path() + "' && play=" ZEM_PLAY_PATH " && " + run.command);
+            EXPECT_EQ(ended, run.status) << run.command << "\n" << said;
+            EXPECT_NE(said.find(run.says), std::string::npos) << run.command << "\n" << said;
+            EXPECT_TRUE(run.twice.empty() || said.find(run.twice) != said.rfind(run.twice)) << said;
+        }
+    };
     // Usage errors and warnings are plain sentences named after the program; the warnings come
     // first, before any playing, here where no service runs yet.
-    const struct {
-        std::string arguments;
-        int status;
-        std::string says;
-    } cases[] = {
-        {"--bogus in.wav", 2, "zem-play: The following argument was not expected: --bogus\n"},
-        {"--volume 2 in.wav", 2, "zem-play: --volume: '2' is above full volume"},
-        {"--seek=-5 in.wav", 2, "zem-play: --seek: '-5' is not a position"},
-        {"", 2, "zem-play: nothing to play"},
-        {"--seek 1:00 in.wav", 3, "zem-play: warning: --seek 1:00.0 is past the end of in.wav"},
-        {"--pause-for 5 in.wav", 3, "zem-play: warning: --pause-for has no effect"},
-        {"--format s16le:8000:1 in.wav", 3, "zem-play: warning: --format has no effect"},
-        {"--url http://x/y", 3, "zem-play: warning: --url has no effect on http://x/y"},
-    };
-    for (const auto& test : cases) {
-        const auto [said, ended] = shell(play + " " + test.arguments);
-        EXPECT_EQ(ended, test.status) << test.arguments << "\n" << said;
-        EXPECT_NE(said.find(test.says), std::string::npos) << test.arguments << "\n" << said;
-    }
+    check({
+        {ZEM_WAVTOOL_PATH " generate in.wav 0.2 && " ZEM_WAVTOOL_PATH " generate long.flac 2", "",
+         0},
+        {"$play --bogus in.wav", "zem-play: The following argument was not expected: --bogus\n", 2},
+        {"$play --volume 2 in.wav", "zem-play: --volume: '2' is above full volume", 2},
+        {"$play --seek=-5 in.wav", "zem-play: --seek: '-5' is not a position", 2},
+        {"$play", "zem-play: nothing to play", 2},
+        {"$play --seek 1:00 in.wav", "zem-play: warning: --seek 1:00.0 is past the end of in.wav",
+         3},
+        {"$play --pause-for 5 in.wav", "zem-play: warning: --pause-for has no effect", 3},
+        {"$play --format s16le:8000:1 in.wav", "zem-play: warning: --format has no effect", 3},
+        {"$play --url http://x/y", "zem-play: warning: --url has no effect on http://x/y", 3},
+        // Cut before the length its header declares: heard up to the cut, then a failure, rather
+        // than a service that waits for the rest for ever.
+        {"head -c $(($(stat -c %s long.flac) * 7 / 10)) long.flac > cut.flac", "", 0},
+        {"head -c 3000 long.flac > none.flac", "", 0},
+    });
     parlex::test::AudioService service({ZEM_AUDIOD_PATH, "--fast"});
     ASSERT_GT(service.pid, 0);
-
-    auto [output, status] = shell(play + " --url 'no such/file 1.wav'");
-    EXPECT_NE(output.find("file://" + dir.path() + "/no%20such/file%201.wav"), std::string::npos)
-        << output;
-    EXPECT_EQ(status, 1);
-    std::tie(output, status) = shell(play + " 'http://example.invalid/a b.ogg'");
-    EXPECT_NE(output.find("sent as the URL http://example.invalid/a b.ogg\n"), std::string::npos)
-        << output;
-    EXPECT_EQ(status, 1);
-
-    // The samples of in.wav after its 44-byte header, as raw PCM; then the file as a WAV stream.
-    std::tie(output, status) = shell("tail -c +45 in.wav | " + play + " --format s16le:48000:2 -");
-    EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
-    EXPECT_EQ(status, 0);
-    std::tie(output, status) = shell(play + " - < in.wav");
-    EXPECT_NE(output.find("received exactly the audio supplied"), std::string::npos) << output;
-    EXPECT_EQ(status, 0);
-
-    // A file cut off before the length its header declares: heard up to the cut, then a failure,
-    // rather than a service that waits for the rest for ever.
-    ASSERT_EQ(shell(std::string(ZEM_WAVTOOL_PATH) + " generate long.flac 2 && head -c $(($(stat -c "
-                                                    "%s long.flac) * 7 / 10)) long.flac > cut.flac")
-                  .second,
-              0);
-    std::tie(output, status) = shell(play + " cut.flac");
-    EXPECT_NE(output.find("cut.flac is damaged or cut short at"), std::string::npos) << output;
-    EXPECT_EQ(status, 1);
-    std::tie(output, status) =
-        shell("head -c 3000 long.flac > none.flac && " + play + " none.flac");
-    EXPECT_NE(output.find("none.flac: it holds no audio"), std::string::npos) << output;
-    EXPECT_EQ(status, 1);
-
-    std::tie(output, status) = shell(play + " in.wav missing.wav in.wav");
-    EXPECT_NE(output.find("cannot play missing.wav: cannot open it"), std::string::npos) << output;
-    EXPECT_NE(output.find("received exactly"), output.rfind("received exactly")) << output;  // both
-    EXPECT_EQ(status, 1);
+    const std::string exact = "received exactly the audio supplied";
+    check({
+        {"$play --url 'no such/file 1.wav'", "file://" + dir.path() + "/no%20such/file%201.wav", 1},
+        {"$play 'http://example.invalid/a b.ogg'",
+         "sent as the URL http://example.invalid/a b.ogg\n", 1},
+        // The samples of in.wav after its 44-byte header, as raw PCM; then as a WAV stream.
+        {"tail -c +45 in.wav | $play --format s16le:48000:2 -", exact, 0},
+        {"$play - < in.wav", exact, 0},
+        {"$play cut.flac", "cut.flac is damaged or cut short at", 1},
+        {"$play none.flac", "none.flac: it holds no audio", 1},
+        {"$play in.wav missing.wav in.wav", "cannot play missing.wav: cannot open it", 1, exact},
+    });
 }
 
 }  // namespace

@@ -42,17 +42,16 @@ public:
         served_ += n;
         return n == 0 ? -1 : static_cast<int>(n);
     }
-    void closeDataSource(long long) override { delayed("close"); }
-    void onStopRequested(long long) override { delayed("stopRequested"); }
+    void closeDataSource(long long) override { record("close", delay); }
+    void onStopRequested(long long) override { record("stopRequested", delay); }
     void onPlaybackError(long long, const orv::ErrorType& type, const char*,
                          const MediaPlayerStateV2&) override {
         record("error" + std::to_string(type));
     }
     void onStreamMetadataExtracted(long long, const MediaPlayerStateV2&,
                                    const orv::MetadataKeyValuePairs& pairs) override {
-        for (uint32_t i = 0; i < pairs.count; ++i) {
+        for (uint32_t i = 0; i < pairs.count; ++i)
             record(std::string(pairs.pairs[i].key) + "=" + pairs.pairs[i].value);
-        }
     }
     EVENT(onFirstByteRead, "firstByte")
     void onPlaybackStarted(long long, const MediaPlayerStateV2&) override {
@@ -62,7 +61,9 @@ public:
     EVENT(onPlaybackFinished, "finished")
     EVENT(onPlaybackPaused, "paused")
     EVENT(onPlaybackResumed, "resumed")
-    void onPlaybackStopped(long long, const MediaPlayerStateV2&) override { delayed("stopped"); }
+    void onPlaybackStopped(long long, const MediaPlayerStateV2&) override {
+        record("stopped", delay);
+    }
     EVENT(onBufferUnderrunStarted, "underrun")
     EVENT(onBufferUnderrunEnded, "refilled")
     EVENT(onBufferingComplete, "complete")
@@ -70,17 +71,14 @@ public:
     void onLicenseAvailable(long long) override {}
     void onFirstDataSegmentAvailable(long long) override {}
 
-    void record(const std::string& event) {
+    void record(const std::string& event, std::chrono::milliseconds after = {}) {
+        std::this_thread::sleep_for(after);
         std::lock_guard<std::mutex> lock(mutex_);
         events_ += (events_.empty() ? "" : " ") + event;
     }
     std::string events() {
         std::lock_guard<std::mutex> lock(mutex_);
         return events_;
-    }
-    void delayed(const std::string& event) {
-        std::this_thread::sleep_for(delay);
-        record(event);
     }
     bool waitFor(const std::string& event) {
         return parlex::test::waitUntil([&] { return events().find(event) != std::string::npos; });
@@ -99,11 +97,19 @@ private:
     std::string events_;
 };
 
+orv::SourceConfig urlSource(const std::string& url) {
+    orv::SourceConfig config;
+    config.type = orv::kSourceTypeUrl;
+    config.setUrl(url.c_str());
+    return config;
+}
+
 struct PlayerTest : testing::Test {
-    HostPlayer::Options options() {
+    HostPlayer::Options options(const std::string& sink = "") {
         std::string error;
         HostPlayer::Options options;
-        options.sink = *SinkSpec::parse("wav:" + dir.path() + "/out.wav", error);
+        options.sink =
+            *SinkSpec::parse(sink.empty() ? "wav:" + dir.path() + "/out.wav" : sink, error);
         options.trackFiles = true;
         options.fast = true;
         return options;
@@ -194,10 +200,7 @@ TEST_F(PlayerTest, FileSourceReportsItsTagsAndUnplayableSourcesReportWhy) {
     for (const auto& [url, events] : cases) {
         FakeClient client;
         player.setMediaClientDelegate(&client);
-        orv::SourceConfig config = pcm(url.empty() ? -1 : 0);
-        config.type = url.empty() ? orv::kSourceTypePcm : orv::kSourceTypeUrl;
-        config.setUrl(url.c_str());
-        const long long id = player.setSource(config, "cluster");
+        const long long id = player.setSource(url.empty() ? pcm(-1) : urlSource(url), "cluster");
         player.play(id);
         ASSERT_TRUE(client.waitFor(events.substr(events.rfind(' ') + 1))) << url << client.events();
         EXPECT_EQ(client.events(), events) << url;
@@ -215,22 +218,18 @@ TEST_F(PlayerTest, ShutdownTellsTheClientToStopAndEndsEveryThread) {
 }
 
 TEST_F(PlayerTest, WhatTheClientOrItsEventsThrowFailsOnlyThatSourceOrEvent) {
-    FakeClient throwing(audio);
-    throwing.throwOnData = true;
-    player.setMediaClientDelegate(&throwing);
-    const long long failed = player.setSource(pcm(), "cluster");
-    EXPECT_EQ(player.play(failed), 0);
-    EXPECT_TRUE(throwing.waitFor("close"));
-    EXPECT_EQ(throwing.events(), "error3 close");
-    FakeClient deaf(audio);
-    deaf.throwOnStarted = true;
-    player.setMediaClientDelegate(&deaf);
-    const long long played = player.setSource(pcm(), "cluster");
-    EXPECT_EQ(player.play(played), 0);
-    EXPECT_TRUE(deaf.waitFor("close"));
-    EXPECT_EQ(deaf.events(), "firstByte started complete finished close");
-    player.releaseSource(failed);
-    player.releaseSource(played);
+    for (const bool onData : {true, false}) {  // else in the "started" event
+        FakeClient client(audio);
+        client.throwOnData = onData;
+        client.throwOnStarted = !onData;
+        player.setMediaClientDelegate(&client);
+        const long long id = player.setSource(pcm(), "cluster");
+        EXPECT_EQ(player.play(id), 0);
+        EXPECT_TRUE(client.waitFor("close"));
+        EXPECT_EQ(client.events(),
+                  onData ? "error3 close" : "firstByte started complete finished close");
+        player.releaseSource(id);
+    }
 }
 
 TEST_F(PlayerTest, ShutdownWaitsOutAClientThatAnswersEveryCallJustBeforeTheDeadline) {
@@ -245,10 +244,8 @@ TEST_F(PlayerTest, ShutdownWaitsOutAClientThatAnswersEveryCallJustBeforeTheDeadl
 }
 
 TEST_F(PlayerTest, SeekWaitsForTheReadAheadInsteadOfReportingAnUnderrun) {
-    std::string error;
-    HostPlayer::Options paced = options();
+    HostPlayer::Options paced = options("none");
     paced.fast = false;
-    paced.sink = *SinkSpec::parse("none", error);
     FakeClient client(std::vector<uint8_t>(48000 * 4, 1));  // enough for what the seek repeats
     HostPlayer pacedPlayer(paced);
     pacedPlayer.setMediaClientDelegate(&client);
@@ -278,11 +275,8 @@ TEST_F(PlayerTest, FileThatIsSlowToOpenHoldsUpNoOtherSource) {
     HostPlayer slowPlayer(slow);
     slowPlayer.setMediaClientDelegate(&client);
     const long long other = slowPlayer.setSource(pcm(), "cluster");
-    orv::SourceConfig config;
-    config.type = orv::kSourceTypeUrl;
-    config.setUrl(fifo.c_str());
     auto slowSource =
-        std::async(std::launch::async, [&] { return slowPlayer.setSource(config, ""); });
+        std::async(std::launch::async, [&] { return slowPlayer.setSource(urlSource(fifo), ""); });
     opening.get_future().wait();
     std::atomic<bool> answered{false};
     std::thread other_calls([&] {
@@ -320,12 +314,9 @@ TEST_F(PlayerTest, ClientProcessGetsItsShareOfSourcesAndPlaysOnlyFilesItCouldRea
     const std::string secret = dir.path() + "/secret.wav";
     SF_INFO info{4800, 48000, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
     sf_close(sf_open(secret.c_str(), SFM_WRITE, &info));
-    orv::SourceConfig config;
-    config.type = orv::kSourceTypeUrl;
-    config.setUrl(("file://" + secret).c_str());
     ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
     ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
-    const long long refused = sharedPlayer.setSource(config, "");
+    const long long refused = sharedPlayer.setSource(urlSource("file://" + secret), "");
     EXPECT_EQ(sharedPlayer.play(refused), -1);
     EXPECT_TRUE(client.waitFor("error1"));
     struct stat written {};
