@@ -217,6 +217,23 @@ TEST_F(PlayerTest, ShutdownTellsTheClientToStopAndEndsEveryThread) {
     EXPECT_NE(client.events().find("underrun stopRequested stopped close"), std::string::npos);
 }
 
+// The service's shutdown and a client's release on a transport thread can wait for one source's
+// thread at the same time.
+TEST_F(PlayerTest, ShutdownWhileSourcesAreReleasedJoinsEachSourceOnce) {
+    FakeClient client(audio);
+    for (int round = 0; round < 20; ++round) {
+        HostPlayer racing{options("none")};
+        racing.setMediaClientDelegate(&client);
+        std::vector<long long> ids;
+        for (int i = 0; i < 8; ++i) ids.push_back(racing.setSource(pcm(), "cluster"));
+        std::thread releases([&] {
+            for (const long long id : ids) racing.releaseSource(id);
+        });
+        EXPECT_TRUE(racing.shutdown(std::chrono::steady_clock::now() + 10s));
+        releases.join();
+    }
+}
+
 TEST_F(PlayerTest, WhatTheClientOrItsEventsThrowFailsOnlyThatSourceOrEvent) {
     for (const bool onData : {true, false}) {  // else in the "started" event
         FakeClient client(audio);
