@@ -250,8 +250,7 @@ TEST_F(TransportTest, ServiceSocketIsPrivateTakenOnceAndReplacedOnlyWhenItsServe
         const std::string dir = runtimeDir_.path() + "/run" + mode;
         ::setenv("PARLEX_RUNTIME_DIR", dir.c_str(), 1);
         if (*mode != '\0') ::setenv("PARLEX_SOCKET_MODE", mode, 1);
-        AndroidServer server;
-        server.start(kService);
+        CountedServer server(kService);
         EXPECT_EQ(fs::status(dir).permissions(), fs::perms::owner_all);
         EXPECT_EQ(fs::status(dir + "/" + kService).permissions(), fs::perms(*mode ? 0660 : 0600));
     }
@@ -338,13 +337,11 @@ TEST_F(EchoTest, CallingPeerNamesTheClientInsideItsCreationAndRequestsOnly) {
     EXPECT_FALSE(inCallback);
 }
 
-TEST_F(EchoTest, ConcurrentCallsOfOneConnectionRunAtOnceUpToThePoolBound) {
+TEST_F(EchoTest, CallsOfOneConnectionRunAtOnceUpToThePoolBoundAndWaitingOnesUpToTheirs) {
     EXPECT_TRUE(eachGetsItsOwnReply(
         kPoolBound + 8, [&](int i) { return echo_.call("sleepInside", i).as<int>(); }, &server_));
     EXPECT_EQ(echo_.call("mostInside").as<int>(), kPoolBound);
-}
 
-TEST_F(EchoTest, HandlersWaitingForAnswersStopAtTheirBoundAndTheOthersFinish) {
     const int bound = static_cast<int>(kMaxWaitingHandlersPerConnection);
     std::promise<void> release;
     echo_.bind("getBuffer", [released = release.get_future().share()](int) {
@@ -629,18 +626,16 @@ INSTANTIATE_TEST_SUITE_P(Frames, MalformedFrameTest, ::testing::ValuesIn(kBadFra
                          ::testing::PrintToStringParamName());
 
 TEST_F(TransportTest, ProxyMadeWhileTheDeathIsDeliveredIsToldOfItToo) {
-    AndroidServer server;
-    server.registerFactory("Echo", [] { return std::make_shared<AndroidImpl>(); });
-    server.start(kService);
+    CountedServer server(kService);
     AndroidClient client(kService);
-    AndroidProxy witness(&client, "Echo");
+    AndroidProxy witness(&client, "Counted");
     std::atomic<int> witnessed{0}, deaths{0};
     witness.bind("death", [&] { ++witnessed; });
     transport::beforeProxyRouted = [&] {
         server.stop();
         waitUntil([&] { return witnessed == 1; });
     };
-    AndroidProxy late(&client, "Echo");
+    AndroidProxy late(&client, "Counted");
     transport::beforeProxyRouted = nullptr;
     ASSERT_EQ(witnessed, 1) << "the death came only after the proxy was reachable";
     late.bind("death", [&] { ++deaths; });

@@ -23,6 +23,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "../../platform/parlex/UniqueFd.h"
@@ -108,19 +109,16 @@ void waitForStdinEnd() {
     }
 }
 
-struct Client {
-    std::unique_ptr<parlex::AndroidClient> client;
-    std::unique_ptr<parlex::AndroidProxy> proxy;
-};
-
 int runClients(const std::string& service, const std::string& type, int count, int silent) {
-    std::vector<Client> clients;
+    std::vector<
+        std::pair<std::unique_ptr<parlex::AndroidClient>, std::unique_ptr<parlex::AndroidProxy>>>
+        clients;
     std::string refusal;
     for (int i = 0; i < count && refusal.empty(); ++i) {
         refusal = errorOf([&] {
-            Client made{std::make_unique<parlex::AndroidClient>(service), nullptr};
-            made.proxy = std::make_unique<parlex::AndroidProxy>(made.client.get(), type);
-            clients.push_back(std::move(made));
+            auto client = std::make_unique<parlex::AndroidClient>(service);
+            auto proxy = std::make_unique<parlex::AndroidProxy>(client.get(), type);
+            clients.emplace_back(std::move(client), std::move(proxy));
         });
     }
     std::vector<parlex::transport::UniqueFd> sockets;
@@ -139,7 +137,7 @@ int runClients(const std::string& service, const std::string& type, int count, i
     say("ready");
     waitForStdinEnd();
     sockets.clear();
-    for (Client& client : clients) client.proxy.reset();
+    for (auto& [client, proxy] : clients) proxy.reset();
     return 0;
 }
 
