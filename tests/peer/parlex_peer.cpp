@@ -1,13 +1,9 @@
 // The other process of the transport tests: `parlex_peer server <service>` publishes "Echo",
-// "Null" and "Throwing"; `parlex_peer clients <service> <type> <count> <silent>` connects as up
-// to `count` clients with one object of `type` each, stopping at the first refusal, and opens
-// `silent` connections that never greet; `parlex_peer stuck <service> <type>` connects, makes
-// its object "pull" and never answers the "getBuffer" callback that follows. It talks to the
-// test through its standard streams: one line to stdout for everything the test waits for
-// ("ready", "hanging" when a request or callback is parked, what a call raised), and the end of
-// stdin as the request to shut down cleanly and exit 0.
-// Any other exit status tells the test that the peer failed. The server keeps what the
-// transport logs for the test to ask about.
+// "Null" and "Throwing"; `clients <service> <type> <count> <silent>` connects as up to `count`
+// clients with one object each, stopping at the first refusal, plus `silent` connections that
+// never greet; `stuck <service> <type>` makes its object "pull" and never answers the callback.
+// It says on stdout what the test waits for ("ready", "hanging", what a call raised); the end of
+// stdin asks it to shut down and exit 0, and any other status tells the test that it failed.
 #include <parlex/binder.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -20,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -28,20 +23,23 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "../../platform/parlex/UniqueFd.h"
+#include "support/Raised.h"
 #include "support/Say.h"
 
 namespace {
 
 using orv::test::say;
 using parlex::AndroidBuffer;
+using parlex::test::errorOf;
 
 // Set when stdin ends; parked handlers return then, so that the shutdown can join them.
 std::promise<void> stdinEnded;
 const std::shared_future<void> shutdownRequested = stdinEnded.get_future().share();
 
-// What the transport logged, kept for the test to ask about rather than printed.
 std::mutex logMutex;
 std::vector<std::string> logged;  // guards: logMutex
 
@@ -49,7 +47,6 @@ std::vector<std::string> logged;  // guards: logMutex
 std::atomic<int> inside{0};
 std::atomic<int> mostInside{0};
 
-// Sends arguments back and exercises the transport from the server's side.
 class Echo : public parlex::AndroidImpl {
 public:
     Echo() : creator_(parlex::callingPeer()) {
@@ -57,22 +54,14 @@ public:
         bind("echoString", [](std::string value) { return value; });
         bind("echoBuffer", [](AndroidBuffer value) { return value; });
         bind("bigReply", [](int bytes) { return std::string(static_cast<size_t>(bytes), 'r'); });
-
         bind("fail", [](std::string message) -> int { throw std::runtime_error(message); });
         bind("failOddly", []() -> int { throw 42; });
-        bind("hang", [] {
-            say("hanging");
-            shutdownRequested.wait();
-            return 0;
-        });
-
-        // Stays inside long enough for the other callers to pile up.
         bind("sleepInside", [](int value) {
             const int now = ++inside;
             for (int seen = mostInside;
                  now > seen && !mostInside.compare_exchange_weak(seen, now);) {
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for callers to pile up
             --inside;
             return value;
         });
@@ -83,24 +72,18 @@ public:
                 logged.begin(), logged.end(),
                 [&](const std::string& line) { return line.find(text) != std::string::npos; }));
         });
-        // Lowers the soft limit of descriptors to the lowest free one, or puts it back.
-        bind("limitDescriptors", [](bool lower) {
-            static rlimit saved{};
-            if (lower) ::getrlimit(RLIMIT_NOFILE, &saved);
+        // Lowers the soft limit of descriptors to the lowest free one, or of this user's threads
+        // to one (a server run as root is not held to it); or puts it back.
+        bind("limit", [](std::string what, bool lower) {
+            const int resource = what == "descriptors" ? RLIMIT_NOFILE : RLIMIT_NPROC;
+            static rlimit saved[RLIM_NLIMITS];
+            if (lower) ::getrlimit(resource, &saved[resource]);
             const int lowestFree = ::dup(STDIN_FILENO);
             ::close(lowestFree);
-            const rlimit lowered{static_cast<rlim_t>(lowestFree), saved.rlim_max};
-            return ::setrlimit(RLIMIT_NOFILE, lower ? &lowered : &saved);
+            const rlimit lowered{resource == RLIMIT_NOFILE ? static_cast<rlim_t>(lowestFree) : 1,
+                                 saved[resource].rlim_max};
+            return ::setrlimit(resource, lower ? &lowered : &saved[resource]);
         });
-        // Lowers the soft limit of this user's processes and threads so that no thread can be
-        // started (a server run as root is not held to it), or puts it back.
-        bind("limitThreads", [](bool lower) {
-            static rlimit saved{};
-            if (lower) ::getrlimit(RLIMIT_NPROC, &saved);
-            const rlimit lowered{1, saved.rlim_max};
-            return ::setrlimit(RLIMIT_NPROC, lower ? &lowered : &saved);
-        });
-        // The client's answer to "getBuffer", passed back in the reply.
         bind("pull",
              [this](int bytes) { return callback("getBuffer", bytes).as<AndroidBuffer>(); });
         // "<creator pid> <creator uid> <caller pid> <caller uid> <seen on another thread>".
@@ -121,48 +104,31 @@ private:
     const std::optional<parlex::PeerCredentials> creator_;
 };
 
-// What a call raised, as one line for the test.
-std::string outcome(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const parlex::dead_object&) {
-        return "dead_object";
-    } catch (const std::exception& error) {
-        return std::string("error: ") + error.what();
-    }
-    return "returned";
-}
-
 void waitForStdinEnd() {
     for (char buffer[64]; ::read(STDIN_FILENO, buffer, sizeof buffer) > 0;) {
     }
 }
 
-struct Client {
-    std::unique_ptr<parlex::AndroidClient> client;
-    std::unique_ptr<parlex::AndroidProxy> proxy;
-};
-
 int runClients(const std::string& service, const std::string& type, int count, int silent) {
-    std::vector<Client> clients;
+    std::vector<
+        std::pair<std::unique_ptr<parlex::AndroidClient>, std::unique_ptr<parlex::AndroidProxy>>>
+        clients;
     std::string refusal;
     for (int i = 0; i < count && refusal.empty(); ++i) {
-        refusal = outcome([&] {
-            Client made;
-            made.client = std::make_unique<parlex::AndroidClient>(service);
-            made.proxy = std::make_unique<parlex::AndroidProxy>(made.client.get(), type);
-            clients.push_back(std::move(made));
+        refusal = errorOf([&] {
+            auto client = std::make_unique<parlex::AndroidClient>(service);
+            auto proxy = std::make_unique<parlex::AndroidProxy>(client.get(), type);
+            clients.emplace_back(std::move(client), std::move(proxy));
         });
-        if (refusal == "returned") refusal.clear();
     }
-    std::vector<int> sockets;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = std::string(std::getenv("PARLEX_RUNTIME_DIR")) + "/" + service;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    std::vector<parlex::transport::UniqueFd> sockets;
+    sockaddr_un address{AF_UNIX, {}};
+    (std::string(std::getenv("PARLEX_RUNTIME_DIR")) + "/" + service)
+        .copy(address.sun_path, sizeof address.sun_path - 1);
     for (int i = 0; i < silent; ++i) {
-        sockets.push_back(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-        if (::connect(sockets.back(), reinterpret_cast<sockaddr*>(&address), sizeof address)) {
+        sockets.emplace_back(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        if (::connect(sockets.back().get(), reinterpret_cast<sockaddr*>(&address),
+                      sizeof address)) {
             return 1;
         }
     }
@@ -170,8 +136,8 @@ int runClients(const std::string& service, const std::string& type, int count, i
     if (!refusal.empty()) say("refused " + refusal);
     say("ready");
     waitForStdinEnd();
-    for (int socket : sockets) ::close(socket);
-    for (Client& client : clients) client.proxy.reset();
+    sockets.clear();
+    for (auto& [client, proxy] : clients) proxy.reset();
     return 0;
 }
 
@@ -184,7 +150,7 @@ int runStuck(const std::string& service, const std::string& type) {
         return AndroidBuffer();
     });
     say("ready");
-    say(outcome([&] { proxy.call("pull", 16); }));
+    say(errorOf([&] { proxy.call("pull", 16); }));
     waitForStdinEnd();
     stdinEnded.set_value();
     return 0;
