@@ -100,6 +100,12 @@ public:
     // is read; returning false ends the responder. Throws std::system_error when the pool cannot
     // take the channel.
     void start(std::shared_ptr<void> keepAlive, std::function<bool()> first = {});
+    // Before start(): the channel's records are served only while fewer than `cap` handlers of
+    // the responders that share `group` (not 0) run; the others wait, unread, in their sockets.
+    void limitBusy(uint64_t group, size_t cap) {
+        group_ = group;
+        busyCap_ = cap;
+    }
     // Takes the channel out of the pool and returns once no pool thread is inside it, except
     // the calling one and others inside join() themselves; ends it if it had not ended.
     void join();
@@ -124,6 +130,8 @@ private:
     const OnEnd onEnd_;
     const std::function<void()> onFinished_;
     std::function<bool()> first_;  // run by the first serve(); the channel's arming orders them
+    uint64_t group_ = 0;           // set before start(); 0 for none
+    size_t busyCap_ = 0;
     // guarded by the pool's mutex:
     uint64_t id_ = 0;  // its registration in the pool; 0 when out of it
     std::shared_ptr<void> keepAlive_;
@@ -133,6 +141,7 @@ private:
     size_t waiting_ = 0;    // handlers waiting for an answer
     bool ended_ = false;
     bool finishReported_ = false;
+    bool parked_ = false;  // readable, but its group is at its cap: not armed
 };
 
 // Where transport failures that no caller can receive are reported.

@@ -93,6 +93,10 @@ void Pool::add(Responder& responder, std::shared_ptr<void> keepAlive) {
 
 void Pool::rearm(Responder& responder) {
     std::lock_guard<std::mutex> lock(mutex_);
+    armLocked(responder);
+}
+
+void Pool::armLocked(Responder& responder) {
     // Checked under the lock: a socket that left the pool may be closed, and its number reused.
     if (responder.id_ == 0) return;
     epoll_event event{};
@@ -102,6 +106,13 @@ void Pool::rearm(Responder& responder) {
 }
 
 std::shared_ptr<void> Pool::removeLocked(Responder& responder) {
+    if (responder.parked_) {
+        const auto group = groups_.find(responder.group_);
+        auto& parked = group->second.parked;
+        parked.erase(std::find(parked.begin(), parked.end(), &responder));
+        responder.parked_ = false;
+        if (group->second.busy == 0 && parked.empty()) groups_.erase(group);
+    }
     if (responder.id_ != 0) {
         ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, responder.fd_, nullptr);
         registered_.erase(responder.id_);
@@ -173,6 +184,16 @@ void Pool::serveOne(std::unique_lock<std::mutex>& lock, uint64_t id) {
     auto it = registered_.find(id);
     if (it == registered_.end()) return;  // it left the pool after its socket became readable
     Responder& responder = *it->second;
+    if (responder.group_ != 0) {
+        Group& group = groups_[responder.group_];
+        if (group.busy >= responder.busyCap_) {
+            // Left unarmed and unread until a handler of its group ends.
+            responder.parked_ = true;
+            group.parked.push_back(&responder);
+            return;
+        }
+        ++group.busy;
+    }
     ++responder.active_;
     std::shared_ptr<void> keepAlive = responder.keepAlive_;
     growLocked();  // this may have been the last idle thread
@@ -181,6 +202,7 @@ void Pool::serveOne(std::unique_lock<std::mutex>& lock, uint64_t id) {
     responder.serve();
     tPool.handling = nullptr;
     lock.lock();
+    if (responder.group_ != 0) leaveGroupLocked(responder);
     --responder.active_;
     if (responder.ended_ && responder.active_ == 0 && !responder.finishReported_) {
         responder.finishReported_ = true;
@@ -195,6 +217,19 @@ void Pool::serveOne(std::unique_lock<std::mutex>& lock, uint64_t id) {
     lock.unlock();
     keepAlive.reset();  // may destroy the owner, and the responder with it: no lock held
     lock.lock();
+}
+
+void Pool::leaveGroupLocked(const Responder& responder) {
+    const auto group = groups_.find(responder.group_);
+    Group& state = group->second;
+    --state.busy;
+    if (!state.parked.empty() && state.busy < responder.busyCap_) {
+        Responder* next = state.parked.front();
+        state.parked.pop_front();
+        next->parked_ = false;
+        armLocked(*next);
+    }
+    if (state.busy == 0 && state.parked.empty()) groups_.erase(group);
 }
 
 void Pool::runTask(std::unique_lock<std::mutex>& lock) {
@@ -293,6 +328,7 @@ bool Responder::waitBegins() {
     if (Responder* self = tPool.handling) {
         if (self->waiting_ >= kMaxWaitingHandlersPerConnection) return false;
         ++self->waiting_;
+        if (self->group_ != 0) pool.leaveGroupLocked(*self);
     }
     ++pool.waiting_;
     pool.growLocked();
@@ -303,7 +339,10 @@ void Responder::waitEnded() {
     if (!tPool.inPool) return;
     Pool& pool = Pool::instance();
     std::lock_guard<std::mutex> lock(pool.mutex_);
-    if (Responder* self = tPool.handling) --self->waiting_;
+    if (Responder* self = tPool.handling) {
+        --self->waiting_;
+        if (self->group_ != 0) ++pool.groups_[self->group_].busy;
+    }
     --pool.waiting_;
     // Threads grown for waits that have ended leave; idle ones must wake up to notice.
     const size_t busy = pool.threads_ - pool.waiting_;

@@ -51,6 +51,7 @@ private:
     void add(Responder& responder, std::shared_ptr<void> keepAlive);
     // Arms the responder's socket for its next record, unless it has left the pool.
     void rearm(Responder& responder);
+    void armLocked(Responder& responder);
     // Takes the responder out of the pool: no thread enters it any more. Returns what kept its
     // owner alive, for the caller to let go once it holds no lock.
     std::shared_ptr<void> removeLocked(Responder& responder);
@@ -63,6 +64,8 @@ private:
     void loop();
     void serveOne(std::unique_lock<std::mutex>& lock, uint64_t id);
     void runTask(std::unique_lock<std::mutex>& lock);
+    // A handler of `responder`'s group ended or began to wait: another of the group may run.
+    void leaveGroupLocked(const Responder& responder);
 
     const size_t bound_;
     // guards: everything below, and the pool state of every Responder (see Channel.h)
@@ -76,6 +79,11 @@ private:
     size_t threads_ = 0;
     size_t idle_ = 0;     // threads in epoll_wait, or on their way there
     size_t waiting_ = 0;  // threads whose handler waits for an answer
+    struct Group {
+        size_t busy = 0;                // its handlers running, not waiting
+        std::deque<Responder*> parked;  // readable, waiting for one of those to end
+    };
+    std::map<uint64_t, Group> groups_;  // by Responder::group_, while busy or parked
 };
 
 }  // namespace parlex::transport

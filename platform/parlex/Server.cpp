@@ -556,7 +556,11 @@ ServerConnection::ServerConnection(AndroidServer& server, ServerState& state, Un
       requests_(std::move(requests)),
       responder_(
           requests_.get(), [this](Frame& frame) { handle(frame); },
-          [this](const std::string& error) { onEnd(error); }, [this] { state_.wake(); }) {}
+          [this](const std::string& error) { onEnd(error); }, [this] { state_.wake(); }) {
+    // Peers in another pid namespace are seen with pid 0 and share one group, as they share
+    // their other caps.
+    responder_.limitBusy(static_cast<uint64_t>(peer.pid) + 1, limits_.maxBusyRequestsPerProcess);
+}
 
 bool ServerConnection::handshake() {
     Frame hello;
@@ -757,6 +761,9 @@ void AndroidServer::start(const std::string& serviceName, const ServerLimits& li
     if (state_) throw std::runtime_error("parlex: server already started");
     if (limits.callDeadline.count() <= 0 || limits.greetingDeadline.count() <= 0) {
         throw std::runtime_error("parlex: the server's deadlines must be positive");
+    }
+    if (limits.maxBusyRequestsPerProcess == 0) {
+        throw std::runtime_error("parlex: maxBusyRequestsPerProcess must be positive");
     }
     std::string path = socketPath(serviceName);
     prepareRuntimeDir(runtimeDir());

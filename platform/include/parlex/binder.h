@@ -115,6 +115,12 @@ struct ServerLimits {
     // Objects one connection may have created and not released; a creation beyond it gets an
     // error answer naming the cap and the connection carries on.
     size_t maxObjectsPerConnection = 16;
+    // Requests of one peer process that the process's transport pool runs at once, all its
+    // connections together; its further requests wait in their sockets until one of those
+    // ends. A handler waiting for an answer (a nested call) does not count. It keeps one
+    // process whose requests are slow, or that does not read its answers, from holding every
+    // thread of the pool. Must be positive.
+    size_t maxBusyRequestsPerProcess = 8;
     // Users that may connect; empty means the server's own (effective) user and root. A list
     // that is not empty is the whole list: root and the server's user are in only if listed.
     std::vector<uid_t> allowedUids;
