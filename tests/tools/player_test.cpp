@@ -5,8 +5,8 @@
 #include <sndfile.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -38,7 +38,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         if (served_ >= audio.size() / 2 && stallPulls > 0 && stallPulls--) return -1;
         const size_t n = std::min<size_t>({size, 1001, audio.size() - served_});
-        std::memcpy(buffer, audio.data() + served_, n);
+        std::copy_n(audio.begin() + static_cast<std::ptrdiff_t>(served_), n, buffer);
         served_ += n;
         return n == 0 ? -1 : static_cast<int>(n);
     }
