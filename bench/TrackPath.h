@@ -28,6 +28,18 @@ constexpr long long kSourceId = 4242;
 constexpr unsigned int kPlayerRequestBytes = 16384;
 constexpr int kPulledBytes = 12288;
 
+// The PCM source every benchmark track plays: 16-bit stereo at 48000 Hz.
+inline orv::ZEMAudioSource stereoPcm() {
+    orv::ZEMAudioSource source;
+    source.type = orv::kSourceTypePcm;
+    source.format.sampleRate = 48000;
+    source.format.sampleSizeInBits = 16;
+    source.format.channelNum = 2;
+    source.format.isSigned = true;
+    source.format.layout = 1;
+    return source;
+}
+
 // A player that answers every call at once and keeps the delegate for the getData case.
 class InstantPlayer : public orv::OrvServerHandlerInterface {
 public:
@@ -118,13 +130,7 @@ public:
         if (!track_->init(listener_, std::make_shared<QuietLog>())) {
             throw std::runtime_error("the other process's audio service is not running");
         }
-        orv::ZEMAudioSource source;
-        source.type = orv::kSourceTypePcm;
-        source.format.sampleRate = 48000;
-        source.format.sampleSizeInBits = 16;
-        source.format.channelNum = 2;
-        source.format.isSigned = true;
-        source.format.layout = 1;
+        const orv::ZEMAudioSource source = stereoPcm();
         if (track_->setSource(source) != kSourceId) {
             throw std::runtime_error("the other process's service refused the source");
         }

@@ -248,13 +248,7 @@ std::vector<std::unique_ptr<orv::ZEMAudioTrack>> playingTracks(
         tracks.emplace_back(createZEMAudioTrack());
         orv::ZEMAudioTrack& track = *tracks.back();
         if (!track.init(listener, logger)) throw std::runtime_error("track init failed");
-        orv::ZEMAudioSource source;
-        source.type = orv::kSourceTypePcm;
-        source.format.sampleRate = 48000;
-        source.format.sampleSizeInBits = 16;
-        source.format.channelNum = 2;
-        source.format.isSigned = true;
-        source.format.layout = 1;
+        const orv::ZEMAudioSource source = trackpath::stereoPcm();
         if (track.setSource(source) < 0) throw std::runtime_error("setSource failed");
         if (!track.play()) throw std::runtime_error("play failed");
     }
