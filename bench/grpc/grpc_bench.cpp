@@ -31,6 +31,7 @@
 #include <thread>
 #include <vector>
 
+#include "../Placement.h"
 #include "bench_peer.grpc.pb.h"
 
 extern char** environ;
@@ -82,33 +83,6 @@ private:
         return grpc::Status::OK;
     }
 };
-
-void pinTo(int cpu) {
-    if (cpu < 0) return;
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    if (::sched_setaffinity(0, sizeof set, &set) != 0) {
-        throw std::runtime_error(std::string("sched_setaffinity: ") + std::strerror(errno));
-    }
-}
-
-// {this process's CPU, the server's}; -1 for any.
-std::pair<int, int> placementFor(const std::string& pin) {
-    if (pin == "none") return {-1, -1};
-    cpu_set_t allowed;
-    if (::sched_getaffinity(0, sizeof allowed, &allowed) != 0) {
-        throw std::runtime_error(std::string("sched_getaffinity: ") + std::strerror(errno));
-    }
-    std::vector<int> cpus;
-    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-        if (CPU_ISSET(cpu, &allowed)) cpus.push_back(cpu);
-    }
-    if (pin == "same" && !cpus.empty()) return {cpus[0], cpus[0]};
-    if (pin == "split" && cpus.size() >= 2) return {cpus[0], cpus[1]};
-    throw std::runtime_error("--pin=" + pin +
-                             ": expected none, same or split (split needs 2 CPUs)");
-}
 
 int serve(const std::string& socket, int cpu) {
     pinTo(cpu);
